@@ -1,0 +1,32 @@
+// The direct-command entry and the interpreter state the Ready loop consults.
+#pragma once
+#include <cstdint>
+
+namespace core {
+
+constexpr std::uint32_t kNoLine = 4294967295u;
+constexpr std::uint32_t kMaxLineNumber = 4294967294u;
+
+// AUTO numbering, driven by the Ready loop.
+struct AutoState {
+  bool active = false;
+  bool first = true;          // the first number of an AUTO run is not advanced
+  std::uint32_t number = 10;
+  std::uint32_t step = 10;
+};
+extern AutoState auto_numbering;
+
+// Set by a direct command that wants no "Ready." after it.
+extern bool suppress_prompt;
+// Set when the last RUN ended with an untrapped error (headless --batch exit code).
+extern bool last_run_failed;
+extern bool error_pending;
+
+// Reset every interpreter state and empty the program.
+void init_interpreter();
+// Execute one typed line (a numbered line is stored, anything else runs).
+void execute_direct(const char* line);
+// Whether a program line with this number is stored.
+bool line_exists(std::uint32_t number);
+
+}  // namespace core

@@ -1,0 +1,154 @@
+// Headless front end. Every byte the console puts goes to stdout (code page
+// 437 converted to UTF-8); stdin bytes become key-queue entries.
+#include "host/headless/headless.h"
+
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+
+#include "host/cp437.h"
+#include "host/platform.h"
+#include "host/shell.h"
+#include "screen/framebuffer.h"
+#include "screen/keyqueue.h"
+#include "screen/snapshot.h"
+
+#ifdef _WIN32
+#include <io.h>
+#define read _read
+#else
+#include <unistd.h>
+#endif
+
+namespace host {
+
+namespace {
+
+class Headless final : public Frontend {
+ public:
+  bool create_window() override { return true; }
+  bool create_surfaces() override { return screen::create_framebuffer(screen::kStartWidth, screen::kStartHeight); }
+  void show_window() override {}
+  bool start_timer() override { return true; }
+  void stop_timer() override {}
+  void destroy_window() override {}
+  bool headless() const override { return true; }
+  void beep(unsigned, unsigned) override {}  // BEL writes nothing
+
+  int run_message_loop() override {
+    std::thread(stdin_reader).detach();  // blocks in read(); never joined
+    std::unique_lock guard(lock_);
+    for (;;) {
+      if (want_w_) {
+        answer_ = screen::create_framebuffer(want_w_, want_h_);
+        want_w_ = want_h_ = 0;
+        answered_ = true;
+        cv_.notify_all();
+      }
+      if (closed_ || stop_requested()) break;
+      cv_.wait_for(guard, std::chrono::milliseconds(16));
+    }
+    flush();
+    return shell.exit_code.load();
+  }
+
+  void release_surfaces() override {
+    flush();
+    if (!shell.screenshot.empty() && !screen::write_snapshot(shell.screenshot))
+      std::fprintf(stderr, "Tambril BASIC: cannot write %s\n", shell.screenshot.c_str());
+  }
+
+  bool recreate_framebuffer(std::uint32_t w, std::uint32_t h) override {
+    std::unique_lock guard(lock_);
+    want_w_ = w;
+    want_h_ = h;
+    answered_ = false;
+    cv_.notify_all();
+    while (!answered_) {
+      if (closed_ || stop_requested()) return false;
+      cv_.wait_for(guard, std::chrono::milliseconds(16));
+    }
+    return answer_;
+  }
+
+  void post_close() override {
+    std::lock_guard guard(lock_);
+    closed_ = true;
+    cv_.notify_all();
+  }
+
+  void repaint_now() override { flush(); }  // before every key wait
+
+  void console_echo(std::uint8_t c) override {
+    std::lock_guard guard(out_lock_);
+    if (c == '\n') {
+      out_ += '\n';
+      flush_locked();
+      return;
+    }
+    if (c >= 128) {
+      append_utf8(out_, cp437_to_unicode(c));
+    } else {
+      out_ += static_cast<char>(c);
+    }
+    if (out_.size() >= 4096) flush_locked();
+  }
+
+ private:
+  void flush() {
+    std::lock_guard guard(out_lock_);
+    flush_locked();
+  }
+  void flush_locked() {
+    if (out_.empty()) return;
+    std::fwrite(out_.data(), 1, out_.size(), stdout);
+    std::fflush(stdout);
+    out_.clear();
+  }
+
+  // LF, CR and CR LF are Enter; 27 is Esc (break); UTF-8 becomes code page 437.
+  static void stdin_reader() {
+    Utf8Decoder dec;
+    bool after_cr = false;
+    unsigned char buf[4096];
+    for (;;) {
+      const auto n = read(0, buf, sizeof buf);
+      if (n <= 0) break;
+      for (int i = 0; i < static_cast<int>(n); ++i) {
+        const unsigned char b = buf[i];
+        if (b == '\n' && after_cr) {
+          after_cr = false;
+          continue;
+        }
+        after_cr = b == '\r';
+        if (b == '\n' || b == '\r') {
+          screen::keys.push(0, 13);
+          continue;
+        }
+        if (b == 27) {
+          screen::keys.push(screen::kKeyEsc, 0);
+          continue;
+        }
+        const std::int32_t cp = dec.feed(b);
+        if (cp < 0) continue;
+        const int c = unicode_to_cp437(static_cast<char32_t>(cp));
+        if (c >= 0) screen::keys.push(0, static_cast<std::uint16_t>(c));
+      }
+    }
+    screen::keys.set_input_ended();
+  }
+
+  std::mutex out_lock_;  // the interpreter writes, the main thread flushes at exit
+  std::string out_;
+  std::mutex lock_;
+  std::condition_variable cv_;
+  std::uint32_t want_w_ = 0, want_h_ = 0;
+  bool answered_ = false, answer_ = false, closed_ = false;
+};
+
+}  // namespace
+
+Frontend* make_headless_frontend() { return new Headless(); }
+
+}  // namespace host

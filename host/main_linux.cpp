@@ -1,0 +1,50 @@
+// Linux entry point: switches, then the SDL window or the headless terminal.
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "host/cp437.h"
+#include "host/frontend.h"
+#include "host/headless/headless.h"
+#include "host/options.h"
+#include "host/platform.h"
+#include "host/sdl/sdl_front.h"
+#include "host/shell.h"
+
+int main(int argc, char** argv) {
+  std::vector<std::u16string> words;
+  for (int i = 0; i < argc; ++i) words.push_back(host::utf8_to_utf16(argv[i]));
+  std::string message;
+  switch (host::take_options(words, &message)) {
+    case host::OptionResult::ExitOk:
+      std::fputs(message.c_str(), stdout);
+      return 0;
+    case host::OptionResult::ExitUsage:
+      std::fputs(message.c_str(), stderr);
+      return 2;
+    case host::OptionResult::Run:
+      break;
+  }
+  std::signal(SIGPIPE, SIG_IGN);
+  host::Frontend* fe = nullptr;
+  if (!host::shell.headless) {
+    fe = host::make_sdl_frontend();
+    if (!fe) {
+      std::fputs("Tambril BASIC: no display available, running headless\n", stderr);
+      host::shell.headless = true;
+    }
+  }
+  if (host::shell.headless) {
+    fe = host::make_headless_frontend();
+  } else if (words.size() > 1 && !words[1].empty()) {
+    // The window runs in the temporary directory: a relative autostart name is
+    // made absolute against the directory the user started from.
+    const std::string name = host::utf16_to_utf8(words[1]);
+    if (!host::is_absolute_path(name)) {
+      const std::string cwd = host::current_directory();
+      if (!cwd.empty()) words[1] = host::utf8_to_utf16(cwd + "/" + name);
+    }
+  }
+  return host::run_system(*fe, words);
+}

@@ -1,0 +1,54 @@
+// Command-line switches.
+#include "host/options.h"
+
+#include "host/cp437.h"
+#include "host/shell.h"
+
+namespace host {
+
+const char* const kUsage =
+    "Usage: tambril [--headless] [--batch] [--no-banner] [--screenshot FILE] [file.bas [args...]]\n"
+    "       tambril --version | --help\n"
+    "\n"
+    "  --headless         no window: console output to stdout, keys from stdin\n"
+    "  --batch            no banner; exit when the program ends (exit code 1 after an\n"
+    "                     untrapped error) instead of showing \"Ready.\"\n"
+    "  --no-banner        skip the banner (the start-up \"Ready.\" still comes)\n"
+    "  --screenshot FILE  at exit, write the framebuffer as PNG (or BMP by extension)\n"
+    "  --version          print the version\n"
+    "  --help             print this text\n";
+
+OptionResult take_options(std::vector<std::u16string>& words, std::string* message) {
+  std::size_t i = 1;
+  while (i < words.size() && words[i].size() > 2 && words[i][0] == u'-' && words[i][1] == u'-') {
+    const std::string w = utf16_to_utf8(words[i]);
+    if (w == "--headless") {
+      shell.headless = true;
+    } else if (w == "--batch") {
+      shell.batch = true;
+      shell.no_banner = true;
+    } else if (w == "--no-banner") {
+      shell.no_banner = true;
+    } else if (w == "--screenshot") {
+      if (i + 1 >= words.size()) {
+        *message = "--screenshot needs a file name\n" + std::string(kUsage);
+        return OptionResult::ExitUsage;
+      }
+      shell.screenshot = utf16_to_utf8(words[++i]);
+    } else if (w == "--version") {
+      *message = "Tambril BASIC 3.4.1\n";
+      return OptionResult::ExitOk;
+    } else if (w == "--help") {
+      *message = kUsage;
+      return OptionResult::ExitOk;
+    } else {
+      *message = "unknown option " + w + "\n" + kUsage;
+      return OptionResult::ExitUsage;
+    }
+    ++i;
+  }
+  words.erase(words.begin() + 1, words.begin() + static_cast<std::ptrdiff_t>(i));
+  return OptionResult::Run;
+}
+
+}  // namespace host

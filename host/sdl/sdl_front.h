@@ -1,0 +1,8 @@
+// The SDL2 window front end for Linux desktops.
+#pragma once
+#include "host/frontend.h"
+
+namespace host {
+// nullptr when SDL's video cannot start (no display).
+Frontend* make_sdl_frontend();
+}

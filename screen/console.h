@@ -1,0 +1,56 @@
+// The text console: a grid of 8x16 cells painted into the framebuffer.
+// Every byte of console output passes through put_char.
+#pragma once
+#include <cstdint>
+
+namespace screen {
+
+constexpr int kMaxRows = 128;
+constexpr int kMaxCols = 256;
+
+struct Region {
+  std::uint32_t left, top, right, bottom;  // inclusive, 0-based
+};
+
+struct Console {
+  std::uint8_t cells[kMaxRows][kMaxCols];
+  std::uint32_t cell_colours[kMaxRows][kMaxCols];
+  std::uint8_t row_continued[kMaxRows];
+  std::uint32_t row = 0, col = 0;
+  std::uint32_t fg = 0xFFFFFF, bg = 0x000000;
+  bool has_window = false;
+  std::uint32_t win_left = 0, win_top = 0, win_right = 0, win_bottom = 0;
+  bool has_viewport = false;
+  std::uint32_t view_top = 0, view_bottom = 0;
+  bool full_screen_override = false;
+  std::uint8_t capture_mode = 0;  // 0 screen, 1 string, 2 file
+  std::uint32_t capture_col = 0;
+  // While set, put_char does not offer bytes to the headless echo (the line
+  // editor draws what the user typed; it is input, not output).
+  bool echo_suppressed = false;
+};
+
+extern Console con;
+
+std::uint32_t text_columns();  // TXTMAXX: min(width / 8, 256), at least 1
+std::uint32_t text_rows();     // TXTMAXY: min(height / 16, 128), at least 1
+Region text_region();
+
+void put_char(std::uint8_t c);
+void put_text(const char* s);
+void put_line(const char* s);  // text, then CR
+// Error messages, "Break" and "Ready." start at the region's left column.
+void ensure_left_column();
+void clear_region();
+void scroll_region_up();
+void draw_glyph(std::int64_t x, std::int64_t y, std::uint8_t ch, std::uint32_t fg, std::uint32_t bg);
+// Draw a character into a cell and record it, without moving the cursor.
+void put_cell(std::uint32_t row, std::uint32_t col, std::uint8_t ch);
+// Start-up / reset state: COLOR 15,0, no text window or viewport, cursor home.
+void reset_console();
+
+// Hook for the capture sink (CAPTURE); receives bytes while capture_mode != 0.
+using CaptureSink = void (*)(std::uint8_t);
+extern CaptureSink capture_sink;
+
+}  // namespace screen
