@@ -97,9 +97,11 @@ def main():
         data = subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True).stdout
         _, _, pixel = read_xwd(data)
 
-        def check_text(row, text):
+        def check_text(row, text, cursor_at=None):
             bad = 0
             for i, ch in enumerate(text.encode("cp437")):
+                if i == cursor_at:
+                    continue  # the cursor overlay is drawn over this cell
                 for gy in range(16):
                     bits = font[ch * 16 + gy]
                     for gx in range(8):
@@ -115,6 +117,26 @@ def main():
         # Nothing drawn beyond the banner: a row further down is black.
         if any(pixel(x0 + x, y0 + 30 * 16 + 8) for x in range(0, 1024, 7)):
             failures.append("row 30 is not black")
+
+        # Typing goes through the real key path: text input, Backspace, arrows, Home.
+        xdo = lambda *args: subprocess.run(["xdotool"] + list(args), env=env, capture_output=True)
+        xdo("mousemove", str(x0 + 500), str(y0 + 400))
+        xdo("type", "--delay", "20", "10 HELLO WORLDX")
+        xdo("key", "--delay", "20", "BackSpace", "Home", "Delete", "End", "Left", "Left", "Left",
+            "Left", "Left")
+        xdo("type", "--delay", "20", "BIG ")
+        time.sleep(0.5)
+        data = subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True).stdout
+        _, _, pixel = read_xwd(data)
+        check_text(15, "0 HELLO BIG WORLD", cursor_at=12)
+        xdo("key", "Return")
+        xdo("type", "--delay", "20", "direct")
+        xdo("key", "Return")
+        time.sleep(0.5)
+        data = subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True).stdout
+        _, _, pixel = read_xwd(data)
+        check_text(16, "direct")
+        check_text(17, "Ready.")
 
         app.send_signal(signal.SIGTERM)
         try:
