@@ -81,6 +81,7 @@ def main():
         shot = tempfile.NamedTemporaryFile(suffix=".png", delete=False).name
         app = subprocess.Popen([os.path.abspath(a.exe), "--screenshot", shot], env=env,
                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        app_stderr = []
         geometry = None
         for _ in range(100):
             geometry = find_window(env, "Tambril BASIC 3.4.1")
@@ -142,7 +143,7 @@ def main():
         try:
             code = app.wait(timeout=5)
             if code != 0:
-                failures.append("exit code %d after close" % code)
+                failures.append("exit code %d after close; stderr:\n%s" % (code, app.stderr.read().decode(errors="replace")[-3000:]))
         except subprocess.TimeoutExpired:
             failures.append("did not end within 5 s of being closed")
         if not os.path.exists(shot) or open(shot, "rb").read(4) != b"\x89PNG":
