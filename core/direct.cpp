@@ -1,23 +1,30 @@
-// Direct-command entry. The language arrives in later steps: for now a typed
-// line is accepted and nothing else happens, so the shell, the console and
-// the Ready loop can be exercised on their own.
+// Direct-command entry. A typed line is tokenized, so malformed lines report
+// their errors; statements run once the executor exists.
 #include "core/direct.h"
+
+#include "core/errors.h"
+#include "core/tokenizer.h"
 
 namespace core {
 
 AutoState auto_numbering;
 bool suppress_prompt = false;
 bool last_run_failed = false;
-bool error_pending = false;
 
 void init_interpreter() {
   auto_numbering = AutoState{};
   suppress_prompt = false;
   last_run_failed = false;
-  error_pending = false;
+  reset_errors();
 }
 
-void execute_direct(const char* line) { (void)line; }
+void execute_direct(const char* line) {
+  clear_error_flag();
+  const char* p = line;
+  while (*p == ' ') ++p;
+  if (*p >= '0' && *p <= '9') return;  // a numbered line belongs to the program store
+  tokenize(p);
+}
 
 bool line_exists(std::uint32_t number) {
   (void)number;
