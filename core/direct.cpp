@@ -4,6 +4,8 @@
 
 #include "core/errors.h"
 #include "core/tokenizer.h"
+#include "values/strings.h"
+#include "values/variables.h"
 
 namespace core {
 
@@ -16,10 +18,12 @@ void init_interpreter() {
   suppress_prompt = false;
   last_run_failed = false;
   reset_errors();
+  values::clear_variables();
 }
 
 void execute_direct(const char* line) {
   clear_error_flag();
+  values::statement_boundary();
   const char* p = line;
   while (*p == ' ') ++p;
   if (*p >= '0' && *p <= '9') return;  // a numbered line belongs to the program store
