@@ -14,11 +14,15 @@ namespace {
 
 void not_a_statement(const Token*&) { raise("Syntax error"); }
 
+// REM's remark made no tokens: the terminator follows.
+void stmt_rem(const Token*& t) { ++t; }
+
 constexpr std::array<Handler, 256> make_table() {
   std::array<Handler, 256> table{};
   for (Handler& h : table) h = not_a_statement;
   table[KW_PRINT] = stmt_print;
   table[KW_LET] = stmt_let;
+  table[KW_REM] = stmt_rem;
   return table;
 }
 

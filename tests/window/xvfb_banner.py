@@ -131,13 +131,14 @@ def main():
         _, _, pixel = read_xwd(data)
         check_text(15, "0 HELLO BIG WORLD", cursor_at=12)
         xdo("key", "Return")
-        xdo("type", "--delay", "20", "direct")
+        xdo("type", "--delay", "20", "PRINT 6*7")
         xdo("key", "Return")
         time.sleep(0.5)
         data = subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True).stdout
         _, _, pixel = read_xwd(data)
-        check_text(16, "direct")
-        check_text(17, "Ready.")
+        check_text(16, "PRINT 6*7")
+        check_text(17, " 42")
+        check_text(18, "Ready.")
 
         app.send_signal(signal.SIGTERM)
         try:
