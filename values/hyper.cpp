@@ -68,8 +68,11 @@ void split(const Hyper& q, double* a, double* t, Hyper* u) {
   *t = len;
   *u = Hyper{};
   u->kind = hyper_kind(q);
-  if (len > 0)
+  if (len > 0) {
     for (int i = 1; i < 8; ++i) u->c[i] = q.c[i] / len;
+  } else {
+    u->c[1] = 1;  // a real argument: results off the real axis lie along i
+  }
 }
 
 // re + u * im, in the kind of u.
@@ -190,6 +193,20 @@ int component_index(const char* name) {
 }
 
 bool hyper_power(const Hyper& x, double r, Hyper* out) {
+  // Whole exponents multiply, as the real power does, so that CPLX(0,1)^2 is -1 exactly.
+  if (r == static_cast<double>(static_cast<std::int64_t>(r)) && r >= -65536 && r <= 65536 && hyper_norm2(x) != 0) {
+    Hyper acc{}, base = x;
+    acc.kind = hyper_kind(x);
+    acc.c[0] = 1;
+    base.kind = acc.kind;
+    for (std::int64_t n = r < 0 ? -static_cast<std::int64_t>(r) : static_cast<std::int64_t>(r); n; n >>= 1) {
+      if (n & 1) hyper_multiply(acc, base, &acc);
+      hyper_multiply(base, base, &base);
+    }
+    if (r < 0) return hyper_inverse(acc, out);
+    *out = acc;
+    return true;
+  }
   if (hyper_norm2(x) == 0) {
     if (r > 0) {
       *out = Hyper{};
