@@ -1,12 +1,18 @@
-// Direct-command entry. A typed line is tokenized, so malformed lines report
-// their errors; statements run once the executor exists.
+// Direct mode: every typed line (and the start-up commands) comes here. A
+// line that starts with a digit is stored; any other is tokenized and run.
 #include "core/direct.h"
 
 #include <cstring>
 
 #include "core/errors.h"
+#include "core/exec.h"
+#include "core/keywords.h"
+#include "core/program.h"
 #include "core/statements.h"
 #include "core/tokenizer.h"
+#include "host/shell.h"
+#include "screen/console.h"
+#include "values/rnd.h"
 #include "values/strings.h"
 #include "values/variables.h"
 
@@ -16,12 +22,38 @@ AutoState auto_numbering;
 bool suppress_prompt = false;
 bool last_run_failed = false;
 
+namespace {
+int depth = 0;
+// The direct line's text and tokens: string tokens point into the text, and a
+// program entered from this line may return into it (GOSUB, CONT, RESUME).
+char direct_text[8][260];
+Token direct_tokens[8][kMaxTokens + 1];
+
+void store_program_line(const char* p) {
+  std::uint32_t number;
+  if (!parse_line_number(p, &number)) return;
+  while (*p == ' ') ++p;  // typed lines drop every blank after the number
+  program.edit_line = number;
+  program.modified = true;
+  (void)store_line(number, p, static_cast<std::uint32_t>(std::strlen(p)));
+}
+}  // namespace
+
 void init_interpreter() {
   auto_numbering = AutoState{};
   suppress_prompt = false;
   last_run_failed = false;
   reset_errors();
+  program_init(host::shell.program_arena, host::kProgramArenaBytes);
   values::clear_variables();
+  values::rnd_reset();
+  on_program_changed = program_changed;
+  clear_run_state();
+}
+
+bool line_exists(std::uint32_t number) {
+  std::uint32_t index;
+  return find_line(number, &index);
 }
 
 void execute_direct(const char* line) {
@@ -29,22 +61,53 @@ void execute_direct(const char* line) {
   values::statement_boundary();
   const char* p = line;
   while (*p == ' ') ++p;
-  if (*p >= '0' && *p <= '9') return;  // a numbered line belongs to the program store
-  // The direct line's text must outlive its tokens (string literals point into it).
-  static char text[257];
-  std::strncpy(text, p, sizeof text - 1);
-  text[sizeof text - 1] = 0;
-  tokenize(text);
+  if (*p >= '0' && *p <= '9') {
+    store_program_line(p);
+    return;
+  }
+  if (depth >= 8) {
+    raise("Out of memory");
+    return;
+  }
+  char* text = direct_text[depth];
+  std::size_t n = std::strlen(p);
+  if (n > 256) n = 256;
+  std::memcpy(text, p, n);
+  text[n] = 0;
+  // RUN "name without its closing quote behaves as if it were closed.
+  if (n >= 4 && (text[0] & ~0x20) == 'R' && (text[1] & ~0x20) == 'U' && (text[2] & ~0x20) == 'N' &&
+      (text[3] == ' ' || text[3] == '\t' || text[3] == '"')) {
+    const char* q = std::strchr(text, '"');
+    if (q && !std::strchr(q + 1, '"') && n + 1 < 257) {
+      text[n++] = '"';
+      text[n] = 0;
+    }
+  }
+  const int count = tokenize(text);
   if (err.flag) return;
-  static Token tokens[kMaxTokens + 1];
-  std::memcpy(tokens, scratch_tokens, sizeof tokens);
-  run_line_statements(tokens);
+  Token* tokens = direct_tokens[depth];
+  std::memcpy(tokens, scratch_tokens, sizeof(Token) * static_cast<std::size_t>(count));
+  // Save the console state around the outermost command: a program may
+  // capture output or take over the whole screen.
+  const bool outermost = depth == 0;
+  const std::uint8_t capture = screen::con.capture_mode;
+  const bool full = screen::con.full_screen_override;
+  ++depth;
+  const Token* t = tokens;
+  if (t->kind == KW_AUTO || t->kind == KW_BREAK) {
+    // Direct-mode commands: a syntax error inside a program line.
+    if (t->kind == KW_AUTO) stmt_auto(t);
+    else stmt_break(t);
+    if (!err.flag && t->kind != kTokEnd) raise("Syntax Error");
+  } else {
+    execute_direct_tokens(tokens);
+  }
+  --depth;
   values::statement_boundary();
-}
-
-bool line_exists(std::uint32_t number) {
-  (void)number;
-  return false;
+  if (outermost) {
+    screen::con.capture_mode = capture;
+    screen::con.full_screen_override = full;
+  }
 }
 
 }  // namespace core

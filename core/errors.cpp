@@ -35,8 +35,9 @@ void raise_common() {
     err.line_recorded = true;
     print_text(err.message);
     screen::put_char(13);
-  } else if (err.print_switch == 1) {
-    print_text(err.message);
+  } else {
+    err.line_recorded = false;  // the run loop names the failing statement's line
+    if (err.print_switch == 1) print_text(err.message);
   }
   err.flag = true;
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core/errors.h"
+#include "core/exec.h"
 #include "core/keywords.h"
 #include "values/eval.h"
 
@@ -23,6 +24,32 @@ constexpr std::array<Handler, 256> make_table() {
   table[KW_PRINT] = stmt_print;
   table[KW_LET] = stmt_let;
   table[KW_REM] = stmt_rem;
+  table[KW_GOTO] = stmt_goto;
+  table[KW_GOSUB] = stmt_gosub;
+  table[KW_RETURN] = stmt_return;
+  table[KW_FOR] = stmt_for;
+  table[KW_NEXT] = stmt_next;
+  table[KW_WHILE] = stmt_while;
+  table[KW_WEND] = stmt_wend;
+  table[KW_IF] = stmt_if;
+  table[KW_ON] = stmt_on;
+  table[KW_RESUME] = stmt_resume;
+  table[KW_STOP] = stmt_stop;
+  table[KW_END] = stmt_end;
+  table[KW_SYSTEM] = stmt_system;
+  table[KW_CONT] = stmt_cont;
+  table[KW_TRON] = stmt_tron;
+  table[KW_TROFF] = stmt_troff;
+  table[KW_RUN] = stmt_run;
+  table[KW_CLEAR] = stmt_clear;
+  table[KW_ERROR] = stmt_error;
+  table[KW_LIST] = stmt_list;
+  table[KW_LOAD] = stmt_load;
+  table[KW_MERGE] = stmt_merge;
+  table[KW_SAVE] = stmt_save;
+  table[KW_NEW] = stmt_new;
+  table[KW_DELETE] = stmt_delete;
+  table[KW_EDIT] = stmt_edit;
   return table;
 }
 
@@ -44,22 +71,12 @@ void stmt_let(const Token*& t) {
 
 void run_statement(const Token*& t) {
   if (t->kind == kTokIdent) {
-    stmt_let(t);
+    if (t[1].kind == '(' && !std::strcmp(t->name(), "TIMER")) stmt_timer(t);
+    else stmt_let(t);
   } else if (t->kind == ':' ) {
     return;  // an empty statement
   } else {
     kHandlers[t->kind](t);
-  }
-  if (!err.flag && !at_statement_end(t)) raise("Syntax error");
-}
-
-void run_line_statements(const Token* t) {
-  while (!err.flag) {
-    while (t->kind == ':') ++t;
-    if (t->kind == kTokEnd) return;
-    run_statement(t);
-    if (err.flag) return;
-    if (t->kind == KW_ELSE) return;  // an ELSE outside IF ends the line
   }
 }
 

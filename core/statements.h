@@ -10,8 +10,6 @@ using Handler = void (*)(const Token*& t);
 // Run one statement at t (t on its first token); t is left on the token
 // after it (":" , ELSE or the end). Errors go through the error flag.
 void run_statement(const Token*& t);
-// Run the statements of one line in order until the end or an error.
-void run_line_statements(const Token* t);
 
 // After a statement: only ":", ELSE or the end of the line may follow.
 bool at_statement_end(const Token* t);
@@ -19,5 +17,16 @@ bool at_statement_end(const Token* t);
 // Handlers that other parts reach directly.
 void stmt_print(const Token*& t);
 void stmt_let(const Token*& t);
+void stmt_list(const Token*& t);
+void stmt_load(const Token*& t);
+void stmt_merge(const Token*& t);
+void stmt_save(const Token*& t);
+void stmt_new(const Token*& t);
+void stmt_delete(const Token*& t);
+void stmt_auto(const Token*& t);
+void stmt_edit(const Token*& t);
+
+// EDIT asks the Ready loop to edit the line it printed.
+extern bool edit_request;
 
 }  // namespace core

@@ -5,6 +5,7 @@
 
 #include "core/direct.h"
 #include "core/errors.h"
+#include "core/statements.h"
 #include "host/cpu.h"
 #include "host/packed.h"
 #include "host/platform.h"
@@ -80,6 +81,11 @@ static void ready_loop() {
       screen::put_text(std::to_string(a.number).c_str());
       marked = core::line_exists(a.number);
       put_char(marked ? '*' : ' ');
+      flags |= screen::kEditFromLineStart;
+    }
+    if (core::edit_request) {
+      // EDIT printed the line: the whole screen line is the text to change.
+      core::edit_request = false;
       flags |= screen::kEditFromLineStart;
     }
     const int n = screen::line_edit(line, sizeof line, flags);

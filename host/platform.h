@@ -4,6 +4,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace host {
@@ -35,6 +36,9 @@ std::string current_directory();   // empty on failure
 bool set_current_directory(const std::string& dir);
 std::string temp_directory();      // empty on failure
 bool file_readable(const std::string& path);
+// Open a file whose name is code page 437 text (converted to the platform's
+// own names here). nullptr on failure, like fopen.
+std::FILE* open_file(const std::string& cp437_name, const char* mode);
 bool is_absolute_path(const std::string& path);
 char path_separator();
 

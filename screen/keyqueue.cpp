@@ -93,6 +93,22 @@ bool KeyQueue::empty() {
   return head_ == tail_;
 }
 
+bool KeyQueue::take_break() {
+  std::lock_guard guard(lock_);
+  for (std::uint32_t i = tail_; i != head_; i = (i + 1) % capacity_) {
+    if ((entries_[i] & 0xFF) != kKeyEsc) continue;
+    // Close the gap: move the entries before it up by one.
+    for (std::uint32_t j = i; j != tail_;) {
+      const std::uint32_t prev = (j + capacity_ - 1) % capacity_;
+      entries_[j] = entries_[prev];
+      j = prev;
+    }
+    tail_ = (tail_ + 1) % capacity_;
+    return true;
+  }
+  return false;
+}
+
 void KeyQueue::clear() {
   std::lock_guard guard(lock_);
   head_ = tail_ = 0;

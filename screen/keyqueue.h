@@ -50,6 +50,9 @@ class KeyQueue {
   // Non-blocking take (INKEY$).
   bool take(KeyEntry* out);
   bool empty();
+  // Break polling: remove the first Esc entry if one is queued (other keys
+  // stay, in order, for the program's next read).
+  bool take_break();
   void clear();
   void signal();  // wake a waiting reader (F12, shutdown)
 

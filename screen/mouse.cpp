@@ -83,6 +83,11 @@ bool take_click(Click* out) {
   return true;
 }
 
+bool has_clicks() {
+  std::lock_guard guard(click_lock);
+  return click_count > 0;
+}
+
 void clear_clicks() {
   std::lock_guard guard(click_lock);
   click_head = click_count = 0;

@@ -37,5 +37,6 @@ void mouse_fit_to(std::uint32_t w, std::uint32_t h);
 // Interpreter: take the oldest click snapshot; false when none is queued.
 bool take_click(Click* out);
 void clear_clicks();
+bool has_clicks();
 
 }  // namespace screen

@@ -15,5 +15,7 @@ int find_pseudo(const char* name);
 
 // EVAL's nesting depth (16 at most).
 extern int eval_depth;
+// TIMER(n): the interval in ms of each of the eight programmable timers.
+extern std::int64_t timer_interval_ms[8];
 
 }  // namespace values

@@ -14,6 +14,7 @@
 #include <fstream>
 #include <string>
 
+#include "host/cp437.h"
 #include "host/platform.h"
 
 extern "C" char end;  // the linker's symbol for the end of the loaded image
@@ -120,6 +121,10 @@ bool file_readable(const std::string& path) {
   if (fd < 0) return false;
   close(fd);
   return true;
+}
+
+std::FILE* open_file(const std::string& cp437_name, const char* mode) {
+  return std::fopen(cp437_to_utf8(cp437_name).c_str(), mode);
 }
 
 bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }

@@ -1,0 +1,89 @@
+// The executor: position, run loop, control-flow stacks, pause states,
+// trapping, tracing and events.
+#pragma once
+#include <atomic>
+#include <cstdint>
+
+#include "core/token.h"
+#include "values/types.h"
+#include "values/variables.h"
+
+namespace core {
+
+constexpr std::uint32_t kDirect = 0xFFFFFFFFu;  // "no current line"
+constexpr int kMaxGosub = 128;
+constexpr int kMaxFor = 4096;
+constexpr int kMaxWhile = 4096;
+constexpr int kMaxIf = 64;
+constexpr int kMaxHandlers = 8;
+constexpr int kMaxBreakpoints = 64;
+
+struct Exec {
+  std::uint32_t line = kDirect;  // index into the line index, or kDirect
+  const Token* base = nullptr;   // the token array being executed
+  const Token* stmt = nullptr;   // start of the statement in hand
+  bool running = false;
+  bool stop_request = false;
+  bool jumped = false;
+  std::uint32_t next_line = kDirect;  // where a jump goes
+  std::uint32_t next_token = 0;
+  std::uint8_t counter = 0;
+  int if_depth = 0;                   // IFs whose THEN branch runs on this line
+  std::uint32_t resume_skip_line = kDirect;  // a breakpoint line skipped once on CONT
+  bool continue_here = false;         // IF: the branch's first statement starts at the cursor
+  bool stepping = false;
+  bool step_armed = false;            // CONT NEXT: run exactly one statement
+};
+extern Exec exec;
+extern std::atomic<std::uint32_t> event_pending;
+
+// Direct-mode entry: run a tokenized direct line (it may enter the program).
+void execute_direct_tokens(const Token* tokens);
+// RUN [line] without loading: clear variables and run from the first line
+// (or the given line index).
+void run_program(std::uint32_t start_index);
+// Close files, clear variables, stacks, DATA pointer and handlers (CLEAR, RUN).
+void clear_run_state();
+// The program text changed: no CONT afterwards, stacks forgotten.
+void program_changed();
+
+// Jump to a line number ("Undefined line number" when absent).
+bool jump_to_line(std::uint32_t number);
+// Line number from a numeric expression at t (GOTO targets, RESUME, RETURN).
+bool eval_line_number(const Token*& t, std::uint32_t* number);
+// The line number of the current position (0 in direct mode).
+std::uint32_t current_line_number();
+// Skip to the end of the current line (REM-like).
+void skip_to_line_end(const Token*& t);
+// Token index of t within the current array.
+std::uint32_t token_index(const Token* t);
+
+// Statement handlers that live in the executor.
+void stmt_goto(const Token*& t);
+void stmt_gosub(const Token*& t);
+void stmt_return(const Token*& t);
+void stmt_for(const Token*& t);
+void stmt_next(const Token*& t);
+void stmt_while(const Token*& t);
+void stmt_wend(const Token*& t);
+void stmt_if(const Token*& t);
+void stmt_on(const Token*& t);
+void stmt_resume(const Token*& t);
+void stmt_stop(const Token*& t);
+void stmt_end(const Token*& t);
+void stmt_system(const Token*& t);
+void stmt_cont(const Token*& t);
+void stmt_tron(const Token*& t);
+void stmt_troff(const Token*& t);
+void stmt_run(const Token*& t);
+void stmt_clear(const Token*& t);
+void stmt_break(const Token*& t);
+void stmt_error(const Token*& t);
+void stmt_timer(const Token*& t);  // TIMER(n) = ms | ON | OFF
+
+// Hooks: files are closed by END, CLEAR, NEW, RUN and LOAD; CLEAR and RUN
+// restore the DATA pointer.
+extern void (*close_all_files)();
+extern void (*restore_data)();
+
+}  // namespace core
