@@ -4,7 +4,8 @@
 A transcript is a set of sections, each opened by a line "--- <kind> [arg]":
 
   --- args            extra command-line words after --headless (one line, shell quoting);
-                      {dir} is the scratch directory the test runs in
+                      {dir} is the scratch directory the test runs in, {N*c} is the
+                      character c repeated N times (for very long words)
   --- file NAME       a file written into the scratch directory before the run
   --- input           the bytes typed on stdin ({esc} is Esc, {cr} a bare CR)
   --- output          the expected stdout; a line may hold {{regex}} parts
@@ -72,7 +73,8 @@ def main():
     with tempfile.TemporaryDirectory(prefix="tambril-tt-") as scratch:
         for kind, body in sections:
             if kind == "args":
-                args += shlex.split(" ".join(body).replace("{dir}", scratch))
+                line = re.sub(r"\{(\d+)\*(.)\}", lambda m: m.group(2) * int(m.group(1)), " ".join(body))
+                args += shlex.split(line.replace("{dir}", scratch))
             elif kind.startswith("file "):
                 name = kind[5:].strip()
                 with open(os.path.join(scratch, name), "w", encoding="latin-1", newline="") as f:
