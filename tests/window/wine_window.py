@@ -5,8 +5,9 @@ Starts Xvfb on a free display, runs tambril.exe windowed under Wine, waits for
 the top-level window titled "Tambril BASIC 3.4.1", and checks its 1024x768
 client area pixel for pixel: each banner line (taken from the same executable
 run headless) drawn as white 8x16 glyphs on black, the insert cursor under
-"Ready.", black everywhere else. Then Alt+F4 must close the window and end the
-process with exit code 0.
+"Ready.", black everywhere else. Typed keys must reach the line editor and
+Enter the Ready loop. Then Alt+F4 must close the window and end the process
+with exit code 0.
 
 Needs Xvfb, xwininfo (x11-utils), xwd (x11-apps) and, for the close check,
 xdotool. The screenshot is read from xwd's format directly (no imaging library).
@@ -97,6 +98,19 @@ def compare(shot, ox, oy, white):
     return bad
 
 
+def wait_for_frame(env, x, y, white, what):
+    """Screenshots until the client area at (x, y) shows the frame; the failures."""
+    bad = ["not compared"]
+    deadline = time.time() + 30
+    while bad and time.time() < deadline:
+        dump = subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True, timeout=30).stdout
+        bad = compare(Xwd(dump), x, y, white)
+        if bad:
+            time.sleep(0.5)
+    return ["%s: pixel (%d,%d) text row %d: 0x%06X, expected 0x%06X" % (what, bx, by, by // 16, got, want)
+            for bx, by, got, want in bad]
+
+
 def find_window(env):
     """(x, y, w, h) of the titled top-level window, or None."""
     try:
@@ -173,18 +187,18 @@ def main():
             if (w, h) != (WIDTH, HEIGHT):
                 failures.append("client area is %dx%d, not %dx%d" % (w, h, WIDTH, HEIGHT))
             # The banner takes a moment to be drawn; poll until it matches.
-            bad = ["not compared"]
-            shot_deadline = time.time() + 30
-            while bad and time.time() < shot_deadline:
-                dump = subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True, timeout=30).stdout
-                bad = compare(Xwd(dump), x, y, white)
-                if bad:
-                    time.sleep(0.5)
-            for bx, by, got, want in bad:
-                failures.append("pixel (%d,%d) text row %d: 0x%06X, expected 0x%06X" % (bx, by, by // 16, got, want))
+            failures += wait_for_frame(env, x, y, expected_frame(lines, font), "banner")
+            # Typing goes through the key pre-filter into the line editor, which
+            # draws the line; Enter runs it (a REM: nothing to print) and the
+            # Ready loop answers.
+            focus = ["xdotool", "windowfocus", "--sync", str(int(wid, 16))]
+            subprocess.run(focus + ["type", "--delay", "60", "REM hix"], env=env, capture_output=True, timeout=30)
+            subprocess.run(focus + ["key", "--delay", "60", "BackSpace", "Return"], env=env, capture_output=True,
+                           timeout=30)
+            failures += wait_for_frame(env, x, y, expected_frame(lines + ["REM hi", "Ready."], font), "typed line")
             # Alt+F4 goes to the system, which closes the window; the process ends.
-            if subprocess.run(["xdotool", "windowfocus", "--sync", str(int(wid, 16)), "key", "--clearmodifiers",
-                               "alt+F4"], env=env, capture_output=True, timeout=30).returncode != 0:
+            if subprocess.run(focus + ["key", "--clearmodifiers", "alt+F4"], env=env, capture_output=True,
+                              timeout=30).returncode != 0:
                 failures.append("xdotool could not send Alt+F4")
             try:
                 code = app.wait(timeout=15)
@@ -201,7 +215,7 @@ def main():
     for f in failures:
         print(f)
     if not failures:
-        print("window %r shows the %d banner lines and closes cleanly" % (TITLE, len(lines)))
+        print("window %r shows the %d banner lines, takes a typed line and closes cleanly" % (TITLE, len(lines)))
     return 1 if failures else 0
 
 
