@@ -6,7 +6,8 @@ the top-level window titled "Tambril BASIC 3.4.1", and checks its 1024x768
 client area pixel for pixel: each banner line (taken from the same executable
 run headless) drawn as white 8x16 glyphs on black, the insert cursor under
 "Ready.", black everywhere else. Typed keys must reach the line editor and
-Enter the Ready loop. Then Alt+F4 must close the window and end the process
+Enter the Ready loop; F11 must switch to a letterboxed full screen and back.
+Then Alt+F4 must close the window and end the process
 with exit code 0.
 
 Needs Xvfb, xwininfo (x11-utils), xwd (x11-apps) and, for the close check,
@@ -25,6 +26,7 @@ import time
 TITLE = "Tambril BASIC 3.4.1"
 WIDTH, HEIGHT = 1024, 768
 WHITE, BLACK = 0xFFFFFF, 0x000000
+SCREEN = (1280, 1024)  # the virtual X server's size
 
 
 def load_font(path):
@@ -111,6 +113,33 @@ def wait_for_frame(env, x, y, white, what):
             for bx, by, got, want in bad]
 
 
+def check_fullscreen(env):
+    deadline = time.time() + 15
+    win = None
+    while time.time() < deadline:
+        win = find_window(env)
+        if win and win[1:] == (0, 0, SCREEN[0], SCREEN[1]):
+            break
+        time.sleep(0.5)
+    else:
+        return ["F11 did not cover the screen: %r" % (win,)]
+    failures = []
+    deadline = time.time() + 15
+    while True:
+        shot = Xwd(subprocess.run(["xwd", "-root", "-silent"], env=env, capture_output=True, timeout=30).stdout)
+        bars = [(px, py) for py in list(range(32)) + list(range(992, 1024)) for px in range(0, SCREEN[0], 4)
+                if shot.pixel(px, py) != BLACK]
+        text = sum(1 for py in range(32, 992, 2) for px in range(0, SCREEN[0], 2) if shot.pixel(px, py) == WHITE)
+        if (not bars and text) or time.time() > deadline:
+            break
+        time.sleep(0.5)
+    if bars:
+        failures.append("full screen: letterbox bars not black at %r" % bars[:5])
+    if not text:
+        failures.append("full screen: no text in the picture")
+    return failures
+
+
 def find_window(env):
     """(x, y, w, h) of the titled top-level window, or None."""
     try:
@@ -127,7 +156,7 @@ def find_window(env):
 
 def start_xvfb():
     r, w = os.pipe()
-    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(w), "-screen", "0", "1280x1024x24", "-nolisten", "tcp"],
+    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(w), "-screen", "0", "%dx%dx24" % SCREEN, "-nolisten", "tcp"],
                             pass_fds=(w,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     os.close(w)
     number = b""
@@ -196,6 +225,22 @@ def main():
             subprocess.run(focus + ["key", "--delay", "60", "BackSpace", "Return"], env=env, capture_output=True,
                            timeout=30)
             failures += wait_for_frame(env, x, y, expected_frame(lines + ["REM hi", "Ready."], font), "typed line")
+            # F11: full screen with the picture letterboxed (1024x768 in 1280x1024
+            # is 1280x960 with 32-pixel black bars); F11 again: back to the window.
+            subprocess.run(focus + ["key", "F11"], env=env, capture_output=True, timeout=30)
+            failures += check_fullscreen(env)
+            subprocess.run(focus + ["key", "F11"], env=env, capture_output=True, timeout=30)
+            deadline = time.time() + 15
+            back = None
+            while time.time() < deadline:
+                back = find_window(env)
+                if back and back[1:] == (x, y, WIDTH, HEIGHT):
+                    break
+                time.sleep(0.5)
+            else:
+                failures.append("after leaving full screen the window is %r, not %dx%d at +%d+%d"
+                                % (back, WIDTH, HEIGHT, x, y))
+            failures += wait_for_frame(env, x, y, expected_frame(lines + ["REM hi", "Ready."], font), "windowed again")
             # Alt+F4 goes to the system, which closes the window; the process ends.
             if subprocess.run(focus + ["key", "--clearmodifiers", "alt+F4"], env=env, capture_output=True,
                               timeout=30).returncode != 0:
