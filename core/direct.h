@@ -20,7 +20,6 @@ extern AutoState auto_numbering;
 extern bool suppress_prompt;
 // Set when the last RUN ended with an untrapped error (headless --batch exit code).
 extern bool last_run_failed;
-extern bool error_pending;
 
 // Reset every interpreter state and empty the program.
 void init_interpreter();

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "core/direct.h"
+#include "core/errors.h"
 #include "host/cpu.h"
 #include "host/packed.h"
 #include "host/platform.h"
@@ -134,7 +135,7 @@ void interpreter_thread() {
     std::string name = shell.autostart;
     if (name.size() > 4100) name.resize(4100);
     run_direct("LOAD \"" + name + "\"");
-    if (!core::error_pending && !stop_requested()) run_direct("RUN");
+    if (!core::err.flag && !stop_requested()) run_direct("RUN");
     if (!stop_requested() && !shell.batch) print_ready();
   } else {
     std::string startup = shell.module_dir;
@@ -143,7 +144,7 @@ void interpreter_thread() {
     if (file_readable(startup)) {
       // By full name: the current directory is not the module directory.
       run_direct("LOAD \"" + startup + "\"");
-      if (!core::error_pending && !stop_requested()) run_direct("RUN");
+      if (!core::err.flag && !stop_requested()) run_direct("RUN");
     }
     if (!stop_requested() && !shell.batch) print_ready();
   }

@@ -1,5 +1,6 @@
 // Linux entry point: switches, then the SDL window or the headless terminal.
 #include <csignal>
+#include <memory>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -27,16 +28,16 @@ int main(int argc, char** argv) {
       break;
   }
   std::signal(SIGPIPE, SIG_IGN);
-  host::Frontend* fe = nullptr;
+  std::unique_ptr<host::Frontend> fe;
   if (!host::shell.headless) {
-    fe = host::make_sdl_frontend();
+    fe.reset(host::make_sdl_frontend());
     if (!fe) {
       std::fputs("Tambril BASIC: no display available, running headless\n", stderr);
       host::shell.headless = true;
     }
   }
   if (host::shell.headless) {
-    fe = host::make_headless_frontend();
+    fe.reset(host::make_headless_frontend());
   } else if (words.size() > 1 && !words[1].empty()) {
     // The window runs in the temporary directory: a relative autostart name is
     // made absolute against the directory the user started from.
@@ -46,5 +47,8 @@ int main(int argc, char** argv) {
       if (!cwd.empty()) words[1] = host::utf8_to_utf16(cwd + "/" + name);
     }
   }
-  return host::run_system(*fe, words);
+  const int code = host::run_system(*fe, words);
+  // An interpreter thread that did not end may still call the front end.
+  if (host::ui) (void)fe.release();
+  return code;
 }

@@ -38,6 +38,9 @@ bool file_readable(const std::string& path);
 bool is_absolute_path(const std::string& path);
 char path_separator();
 
+// End of the executable image in memory (the IMAGEEND landmark).
+std::uint64_t image_end();
+
 // --- diagnostics ----------------------------------------------------------
 // A start-up failure box: caption "Tambril BASIC", error icon (stderr on Linux).
 void fatal_box(const char* text);

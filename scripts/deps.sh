@@ -4,7 +4,7 @@
 set -euo pipefail
 want=(build-essential cmake ninja-build pkg-config libsdl2-dev python3)
 if [ "${1:-run}" = test ]; then
-  want+=(libgtest-dev xvfb xauth x11-apps)
+  want+=(libgtest-dev xvfb xauth x11-apps x11-utils xdotool)
 fi
 missing=()
 for p in "${want[@]}"; do

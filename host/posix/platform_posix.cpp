@@ -16,7 +16,11 @@
 
 #include "host/platform.h"
 
+extern "C" char end;  // the linker's symbol for the end of the loaded image
+
 namespace host {
+
+std::uint64_t image_end() { return reinterpret_cast<std::uint64_t>(&end); }
 
 void* reserve_memory(std::size_t bytes) {
   // NORESERVE: the kernel hands out zero pages on first touch, so reserving a

@@ -132,6 +132,15 @@ bool is_absolute_path(const std::string& path) {
 
 char path_separator() { return '\\'; }
 
+std::uint64_t image_end() {
+  // The loaded image spans SizeOfImage bytes from the module's base address.
+  const auto* base = reinterpret_cast<const unsigned char*>(GetModuleHandleW(nullptr));
+  if (!base) return 0;
+  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);
+  const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(base + dos->e_lfanew);
+  return reinterpret_cast<std::uint64_t>(base) + nt->OptionalHeader.SizeOfImage;
+}
+
 void fatal_box(const char* text) {
   if (shell.headless) {
     std::fprintf(stderr, "Tambril BASIC: %s\n", text);

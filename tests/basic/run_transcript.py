@@ -4,10 +4,10 @@
 A transcript is a set of sections, each opened by a line "--- <kind> [arg]":
 
   --- args            extra command-line words after --headless (one line, shell quoting);
-                      {dir} is the scratch directory the test runs in, {N*c} is the
-                      character c repeated N times (for very long words)
+                      {dir} is the scratch directory the test runs in
   --- file NAME       a file written into the scratch directory before the run
-  --- input           the bytes typed on stdin ({esc} is Esc, {cr} a bare CR)
+  --- input           the bytes typed on stdin ({esc} is Esc, {cr} a bare CR,
+                      {X*N} the character X repeated N times; also in args)
   --- output          the expected stdout; a line may hold {{regex}} parts
   --- exit N          the expected exit code (0 when absent)
   --- env NAME=VALUE  an environment variable for the run
@@ -45,6 +45,8 @@ def parse(path):
 
 
 def expand(text):
+    """{esc} is Esc, {cr} a bare CR, {X*N} the character X repeated N times."""
+    text = re.sub(r"\{(.)\*(\d+)\}", lambda m: m.group(1) * int(m.group(2)), text)
     return text.replace("{esc}", "\x1b").replace("{cr}", "\r")
 
 
@@ -73,8 +75,7 @@ def main():
     with tempfile.TemporaryDirectory(prefix="tambril-tt-") as scratch:
         for kind, body in sections:
             if kind == "args":
-                line = re.sub(r"\{(\d+)\*(.)\}", lambda m: m.group(2) * int(m.group(1)), " ".join(body))
-                args += shlex.split(line.replace("{dir}", scratch))
+                args += shlex.split(expand(" ".join(body)).replace("{dir}", scratch))
             elif kind.startswith("file "):
                 name = kind[5:].strip()
                 with open(os.path.join(scratch, name), "w", encoding="latin-1", newline="") as f:

@@ -1,0 +1,414 @@
+// Recursive descent over the 14 precedence levels, variables and lvalues.
+//
+//   1 IMP  2 EQV  3 XOR  4 OR  5 AND  6 NOT (prefix)  7 = <> < <= > >=
+//   8 + -  9 MOD  10 \  11 * /  12 prefix -  13 ^  14 primaries (. component)
+//
+// Identifiers are resolved once per token and the answer is kept in the
+// token's evaluator cache: slot 0 holds {what, index}, slot 1 a descriptor
+// pointer with the variable-table generation it was found under.
+#include "values/eval.h"
+
+#include <cstring>
+
+#include "core/errors.h"
+#include "core/keywords.h"
+#include "values/arrays.h"
+#include "values/builtins.h"
+#include "values/hyper.h"
+#include "values/ops.h"
+#include "values/store.h"
+#include "values/strings.h"
+
+namespace values {
+
+UserFunctionHook user_function = nullptr;
+
+namespace {
+
+enum : std::uint32_t { kUnresolved = 0, kPseudo = 1, kBuiltin = 2, kUserFn = 3, kArray = 4, kScalar = 5 };
+
+bool fail(const char* m) {
+  core::raise(m);
+  return false;
+}
+
+bool level_imp(const Token*& t, Value* v);
+
+std::uint32_t resolve(const Token* tok) {
+  auto* w = const_cast<Token*>(tok);
+  if (w->cache[0].b != kUnresolved) return w->cache[0].b;
+  const char* name = tok->name();
+  int i;
+  if ((i = find_pseudo(name)) >= 0) {
+    w->cache[0] = {static_cast<std::uint64_t>(i), kPseudo};
+  } else if ((i = find_builtin(name)) >= 0) {
+    w->cache[0] = {static_cast<std::uint64_t>(i), kBuiltin};
+  } else if (name[0] == 'F' && name[1] == 'N') {
+    w->cache[0] = {0, kUserFn};
+  } else if (tok[1].kind == '(') {
+    w->cache[0] = {0, kArray};
+  } else {
+    w->cache[0] = {0, kScalar};
+  }
+  return w->cache[0].b;
+}
+
+// The descriptor of a token's variable, through the token's cache.
+Descriptor* lookup(const Token* tok, bool array, bool create) {
+  auto* w = const_cast<Token*>(tok);
+  if (w->cache[1].a && w->cache[1].b == table_generation()) {
+    auto* d = reinterpret_cast<Descriptor*>(w->cache[1].a);
+    if (d->type == type_of_name(tok->name())) return d;
+  }
+  const std::uint8_t type = type_of_name(tok->name());
+  Descriptor* d = find_descriptor(tok->name(), array, type);
+  if (!d && create) {
+    if (is_read_only_name(tok->name())) {
+      fail("Read-only or runtime name");
+      return nullptr;
+    }
+    d = create_descriptor(tok->name(), array);
+  }
+  if (d) w->cache[1] = {reinterpret_cast<std::uint64_t>(d), table_generation()};
+  return d;
+}
+
+bool component_of(const Token*& t, int* index) {
+  ++t;  // the dot
+  if (t->kind != core::kTokIdent) return fail("Expected component");
+  *index = component_index(t->name());
+  if (*index < 0) return fail("Unknown component");
+  ++t;
+  return true;
+}
+
+bool primary(const Token*& t, Value* v) {
+  const Token* tok = t;
+  switch (tok->kind) {
+    case core::kTokNumber:
+      ++t;
+      if (tok->type <= kInt64) *v = Value::integer(tok->i64(), tok->type);
+      else *v = Value::floating(tok->f64(), tok->type);
+      break;
+    case core::kTokString:
+      ++t;
+      // A literal points into the line text: a value, not a heap string.
+      *v = Value::string(const_cast<char*>(tok->str_ptr()), tok->str_len());
+      break;
+    case '(':
+      ++t;
+      if (!level_imp(t, v)) return false;
+      if (!expect(t, ')', "Expected )")) return false;
+      break;
+    case core::kTokIdent: {
+      ++t;
+      switch (resolve(tok)) {
+        case kPseudo:
+          if (!pseudo_value(static_cast<int>(tok->cache[0].a), t, v)) return false;
+          break;
+        case kBuiltin:
+          if (!call_builtin(static_cast<int>(tok->cache[0].a), t, v)) return false;
+          break;
+        case kUserFn:
+          if (!user_function) return fail("Undefined user function");
+          if (!user_function(t, tok->name(), v)) return false;
+          break;
+        case kArray: {
+          std::int64_t subs[kMaxDimensions + 1];
+          int n;
+          if (!parse_subscripts(t, subs, &n)) return false;
+          const Descriptor* d = lookup(tok, true, false);
+          const void* slot = array_element(d, subs, n);
+          if (!slot) return false;
+          *v = load_value(slot, d->type);
+          break;
+        }
+        default: {
+          const Descriptor* d = lookup(tok, false, false);
+          if (d) {
+            *v = load_value(d->value, d->type);
+          } else {
+            // An absent scalar reads as its typed zero (and is not created).
+            std::uint8_t zero[72] = {};
+            *v = load_value(zero, type_of_name(tok->name()));
+          }
+          break;
+        }
+      }
+      break;
+    }
+    case core::kTokEnd:
+    case ':':
+    case ',':
+    case ')':
+    case ';':
+      return fail("Syntax error");
+    default:
+      return fail("Syntax error");
+  }
+  while (t->kind == '.') {
+    if (v->type != kHyper) return fail("Type mismatch");
+    int c;
+    if (!component_of(t, &c)) return false;
+    *v = Value::floating(static_cast<std::uint64_t>(c) < hyper_kind(v->h) ? v->h.c[c] : 0.0, kDouble);
+  }
+  return true;
+}
+
+bool pow_operand(const Token*& t, Value* v) {
+  if (t->kind == '-') {
+    ++t;
+    Value x;
+    return pow_operand(t, &x) && negate(x, v);
+  }
+  if (t->kind == '+') {
+    ++t;
+    return pow_operand(t, v);
+  }
+  return primary(t, v);
+}
+
+bool level_pow(const Token*& t, Value* v) {
+  if (!primary(t, v)) return false;
+  while (t->kind == '^') {
+    ++t;
+    Value r;
+    if (!pow_operand(t, &r) || !binary_op(Op::Pow, *v, r, v)) return false;
+  }
+  return true;
+}
+
+bool level_neg(const Token*& t, Value* v) {
+  if (t->kind == '-') {
+    ++t;
+    Value x;
+    return level_neg(t, &x) && negate(x, v);
+  }
+  if (t->kind == '+') {
+    ++t;
+    return level_neg(t, v);
+  }
+  return level_pow(t, v);
+}
+
+bool level_mul(const Token*& t, Value* v) {
+  if (!level_neg(t, v)) return false;
+  while (t->kind == '*' || t->kind == '/') {
+    const Op op = t->kind == '*' ? Op::Mul : Op::Div;
+    ++t;
+    Value r;
+    if (!level_neg(t, &r) || !binary_op(op, *v, r, v)) return false;
+  }
+  return true;
+}
+
+bool level_idiv(const Token*& t, Value* v) {
+  if (!level_mul(t, v)) return false;
+  while (t->kind == '\\') {
+    ++t;
+    Value r;
+    if (!level_mul(t, &r) || !binary_op(Op::IntDiv, *v, r, v)) return false;
+  }
+  return true;
+}
+
+bool level_mod(const Token*& t, Value* v) {
+  if (!level_idiv(t, v)) return false;
+  while (t->kind == core::KW_MOD) {
+    ++t;
+    Value r;
+    if (!level_idiv(t, &r) || !binary_op(Op::Mod, *v, r, v)) return false;
+  }
+  return true;
+}
+
+bool level_add(const Token*& t, Value* v) {
+  if (!level_mod(t, v)) return false;
+  while (t->kind == '+' || t->kind == '-') {
+    const Op op = t->kind == '+' ? Op::Add : Op::Sub;
+    ++t;
+    Value r;
+    if (!level_mod(t, &r) || !binary_op(op, *v, r, v)) return false;
+  }
+  return true;
+}
+
+// Only "<=", "<>" and ">=" are two-character operators; "=<" is "=" then "<".
+bool relational(const Token*& t, Op* op) {
+  switch (t->kind) {
+    case '=': *op = Op::Eq; ++t; return true;
+    case '<':
+      if (t[1].kind == '=') { *op = Op::Le; t += 2; return true; }
+      if (t[1].kind == '>') { *op = Op::Ne; t += 2; return true; }
+      *op = Op::Lt; ++t; return true;
+    case '>':
+      if (t[1].kind == '=') { *op = Op::Ge; t += 2; return true; }
+      *op = Op::Gt; ++t; return true;
+    default:
+      return false;
+  }
+}
+
+bool level_rel(const Token*& t, Value* v) {
+  if (!level_add(t, v)) return false;
+  Op op;
+  while (relational(t, &op)) {
+    Value r;
+    if (!level_add(t, &r) || !binary_op(op, *v, r, v)) return false;
+  }
+  return true;
+}
+
+bool level_not(const Token*& t, Value* v) {
+  if (t->kind == core::KW_NOT) {
+    ++t;
+    Value x;
+    return level_not(t, &x) && logical_not(x, v);
+  }
+  return level_rel(t, v);
+}
+
+template <std::uint8_t Kw, Op O, bool (*Next)(const Token*&, Value*)>
+bool logic_level(const Token*& t, Value* v) {
+  if (!Next(t, v)) return false;
+  while (t->kind == Kw) {
+    ++t;
+    Value r;
+    if (!Next(t, &r) || !binary_op(O, *v, r, v)) return false;
+  }
+  return true;
+}
+
+bool level_imp(const Token*& t, Value* v) {
+  constexpr auto and_ = logic_level<core::KW_AND, Op::And, level_not>;
+  constexpr auto or_ = logic_level<core::KW_OR, Op::Or, and_>;
+  constexpr auto xor_ = logic_level<core::KW_XOR, Op::Xor, or_>;
+  constexpr auto eqv_ = logic_level<core::KW_EQV, Op::Eqv, xor_>;
+  return logic_level<core::KW_IMP, Op::Imp, eqv_>(t, v);
+}
+
+}  // namespace
+
+bool eval(const Token*& t, Value* out) { return level_imp(t, out); }
+
+bool eval_numeric(const Token*& t, Value* out) {
+  if (!level_imp(t, out)) return false;
+  if (out->type == kString) return fail("Type mismatch");
+  return true;
+}
+
+bool eval_string(const Token*& t, Value* out) {
+  if (!level_imp(t, out)) return false;
+  if (out->type != kString) return fail("Type mismatch");
+  return true;
+}
+
+bool eval_int64(const Token*& t, std::int64_t* out) {
+  Value v;
+  if (!level_imp(t, &v)) return false;
+  if (v.type == kString || v.type == kHyper) return fail("Type mismatch");
+  return value_to_int64(v, out);
+}
+
+bool eval_double(const Token*& t, double* out) {
+  Value v;
+  if (!level_imp(t, &v)) return false;
+  return value_to_double(v, out);
+}
+
+bool expect(const Token*& t, std::uint8_t kind, const char* message) {
+  if (t->kind != kind) return fail(message);
+  ++t;
+  return true;
+}
+
+void skip_expression(const Token*& t) {
+  int depth = 0;
+  for (; t->kind != core::kTokEnd; ++t) {
+    if (t->kind == '(') ++depth;
+    else if (t->kind == ')') {
+      if (depth == 0) return;
+      --depth;
+    } else if (depth == 0 && (t->kind == ',' || t->kind == ';' || t->kind == ':' || t->kind == core::KW_THEN ||
+                              t->kind == core::KW_ELSE || t->kind == core::KW_TO || t->kind == core::KW_STEP)) {
+      return;
+    }
+  }
+}
+
+bool parse_subscripts(const Token*& t, std::int64_t* subs, int* n) {
+  if (!expect(t, '(', "Expected (")) return false;
+  *n = 0;
+  for (;;) {
+    std::int64_t s;
+    if (!eval_int64(t, &s)) return false;
+    if (*n < kMaxDimensions + 1) subs[*n] = s;
+    ++*n;
+    if (t->kind == ',') {
+      ++t;
+      continue;
+    }
+    break;
+  }
+  if (*n > kMaxDimensions + 1) *n = kMaxDimensions + 1;  // wrong either way
+  return expect(t, ')', "Expected )");
+}
+
+bool parse_lvalue(const Token*& t, LValue* out) {
+  if (t->kind != core::kTokIdent) return fail("Expected variable");
+  const Token* tok = t++;
+  *out = LValue{};
+  if (find_pseudo(tok->name()) >= 0 || is_read_only_name(tok->name())) return fail("Read-only or runtime name");
+  if (t->kind == '(') {
+    std::int64_t subs[kMaxDimensions + 1];
+    int n;
+    if (!parse_subscripts(t, subs, &n)) return false;
+    Descriptor* d = lookup(tok, true, false);
+    out->slot = array_element(d, subs, n);
+    if (!out->slot) return false;
+    out->descriptor = d;
+    out->type = d->type;
+    out->element = true;
+  } else {
+    Descriptor* d = lookup(tok, false, true);
+    if (!d) return false;
+    out->slot = d->value;
+    out->type = d->type;
+    out->descriptor = d;
+  }
+  if (t->kind == '.') {
+    if (out->type != kHyper) return fail("Type mismatch");
+    if (!component_of(t, &out->component)) return false;
+  }
+  return true;
+}
+
+bool assign(const LValue& lv, const Value& v) {
+  if (lv.component < 0) return store_value(lv.slot, lv.type, v);
+  // A component write raises the kind when the component lies beyond it;
+  // the newly meaningful components start at 0.
+  Hyper h;
+  std::memcpy(&h, lv.slot, sizeof h);
+  h.kind = hyper_kind(h);
+  const std::uint64_t need = lv.component < 2 ? 2 : lv.component < 4 ? 4 : 8;
+  double d;
+  if (!store_value(&d, kDouble, v)) return false;
+  if (h.kind < need) {
+    for (std::uint64_t i = h.kind; i < need; ++i) h.c[i] = 0;
+    h.kind = need;
+  }
+  h.c[lv.component] = d;
+  std::memcpy(lv.slot, &h, sizeof h);
+  return true;
+}
+
+bool make_string(const char* p, std::uint64_t n, Value* out) {
+  if (n > 0xFFFFFFFFull) return fail("String too long");
+  char* s = string_temp(static_cast<std::uint32_t>(n));
+  if (!s) return false;
+  if (n) std::memmove(s, p, n);
+  *out = Value::string(s, static_cast<std::uint32_t>(n));
+  return true;
+}
+
+}  // namespace values

@@ -1,0 +1,26 @@
+// The store rule: the one routine that writes a value into a typed slot,
+// used by every assignment, READ, INPUT, SWAP and array store.
+#pragma once
+#include <cstdint>
+
+#include "values/types.h"
+
+namespace values {
+
+// Store v into the slot of type t at `slot`. Raises "Type mismatch" or
+// "Overflow" and leaves the slot unchanged on failure; returns false then.
+[[nodiscard]] bool store_value(void* slot, std::uint8_t t, const Value& v);
+// Read a slot back as a value record (strings point at their heap bytes).
+Value load_value(const void* slot, std::uint8_t t);
+
+// Floating value to a 64-bit integer, halves away from zero; "Overflow" for
+// NaN and values outside the 64-bit range.
+[[nodiscard]] bool float_to_int64(double d, std::int64_t* out);
+// Any numeric value to a 64-bit integer (integers as they are).
+[[nodiscard]] bool value_to_int64(const Value& v, std::int64_t* out);
+// Any numeric value as binary64; strings and @ values are "Type mismatch".
+[[nodiscard]] bool value_to_double(const Value& v, double* out);
+// SGN: -1, 0 or 1; NaN is "Illegal function call".
+[[nodiscard]] bool value_sign(const Value& v, int* out);
+
+}  // namespace values
