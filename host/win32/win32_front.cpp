@@ -177,6 +177,7 @@ class Win32 final : public Frontend {
   }
 
   LRESULT handle(HWND wnd, UINT msg, WPARAM wp, LPARAM lp) {
+    if (!hwnd_) hwnd_ = wnd;  // messages sent while CreateWindowExW is still running
     if (prefilter(msg, wp, lp)) return 0;
     switch (msg) {
       case WM_DESTROY:
@@ -244,7 +245,7 @@ class Win32 final : public Frontend {
 
   void present(HDC target) {
     if (!present_.dc || !present_.bits || present_.w <= 0 || present_.h <= 0) return;
-    RECT rc;
+    RECT rc{};
     GetClientRect(hwnd_, &rc);
     const int cw = rc.right - rc.left, ch = rc.bottom - rc.top;
     if (cw <= 0 || ch <= 0) return;
@@ -320,7 +321,7 @@ class Win32 final : public Frontend {
   // --- mouse --------------------------------------------------------------
 
   void to_frame(LPARAM lp, std::int32_t* x, std::int32_t* y) {
-    RECT rc;
+    RECT rc{};
     GetClientRect(hwnd_, &rc);
     screen::client_to_frame(GET_X_LPARAM(lp), GET_Y_LPARAM(lp), rc.right - rc.left, rc.bottom - rc.top, x, y);
   }
