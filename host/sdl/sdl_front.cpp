@@ -4,12 +4,14 @@
 
 #include <SDL.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <vector>
 
 #include "host/cp437.h"
+#include "host/display.h"
 #include "host/platform.h"
 #include "host/shell.h"
 #include "screen/framebuffer.h"
@@ -21,6 +23,8 @@
 namespace host {
 
 namespace {
+
+std::atomic<SDL_Window*> g_window{nullptr};  // for display_modes() on the interpreter thread
 
 class Sdl final : public Frontend {
  public:
@@ -36,6 +40,7 @@ class Sdl final : public Frontend {
                                static_cast<int>(screen::kStartWidth), static_cast<int>(screen::kStartHeight),
                                SDL_WINDOW_HIDDEN | SDL_WINDOW_ALLOW_HIGHDPI);
     if (!window_) return false;
+    g_window.store(window_);
     renderer_ = SDL_CreateRenderer(window_, -1, SDL_RENDERER_ACCELERATED);
     if (!renderer_) renderer_ = SDL_CreateRenderer(window_, -1, SDL_RENDERER_SOFTWARE);
     if (!renderer_) return false;
@@ -68,6 +73,7 @@ class Sdl final : public Frontend {
   }
 
   void destroy_window() override {
+    g_window.store(nullptr);
     if (renderer_) SDL_DestroyRenderer(renderer_);
     if (window_) SDL_DestroyWindow(window_);
     renderer_ = nullptr;
@@ -400,6 +406,22 @@ class Sdl final : public Frontend {
 };
 
 }  // namespace
+
+std::vector<DisplayMode> display_modes() {
+  std::vector<DisplayMode> modes;
+  SDL_Window* window = g_window.load();
+  if (!window) return modes;
+  const int display = SDL_GetWindowDisplayIndex(window);
+  if (display < 0) return modes;
+  const int n = SDL_GetNumDisplayModes(display);
+  for (int i = 0; i < n; ++i) {
+    SDL_DisplayMode m;
+    if (SDL_GetDisplayMode(display, i, &m) != 0) break;
+    if (!add_display_mode(modes, static_cast<std::uint32_t>(m.w), static_cast<std::uint32_t>(m.h))) break;
+  }
+  std::sort(modes.begin(), modes.end());
+  return modes;
+}
 
 Frontend* make_sdl_frontend() {
   auto* s = new Sdl();
