@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Install what is missing, build, and run every test: the Release build and a
-# Debug build with AddressSanitizer and UBSan.
+# Install what is missing, build, and run every test: the Release build, a
+# Debug build with AddressSanitizer and UBSan, and the Windows build under Wine.
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/deps.sh test
@@ -11,4 +11,6 @@ ctest --test-dir build -j "$jobs" --output-on-failure
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMBRIL_SANITIZE=ON >/dev/null
 cmake --build build-asan -j "$jobs"
 ctest --test-dir build-asan -j "$jobs" --output-on-failure
+# The Windows build of the same sources, its transcripts under Wine, its window under Xvfb.
+JOBS="$jobs" scripts/test-windows.sh
 echo "All tests passed."

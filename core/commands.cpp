@@ -50,6 +50,8 @@ bool range_end(const Token*& t, std::uint32_t* n) {
   return true;
 }
 
+}  // namespace
+
 // [from][-[to]] | . | ERL. `single` reports whether one line was named.
 bool parse_range(const Token*& t, std::uint32_t* from, std::uint32_t* to, bool* single) {
   *from = 0;
@@ -79,6 +81,8 @@ bool parse_range(const Token*& t, std::uint32_t* from, std::uint32_t* to, bool* 
   if (*from > *to) return fail("Illegal function call");
   return true;
 }
+
+namespace {
 
 // Rows a listed line takes at the console's width, its number taking `col` columns.
 std::uint32_t rows_for(const char* text, std::size_t n, std::uint32_t width, std::uint32_t col) {

@@ -982,6 +982,7 @@ void stmt_cont(const Token*& t) {
   }
   exec.stepping = step;
   exec.step_armed = step;
+  pause.can_continue = false;  // this pause is used up; the next STOP records a new one
   if (pause.reason == 2) exec.resume_skip_line = pause.line;  // the breakpoint does not fire at once again
   exec.running = true;
   request_jump(pause.line, pause.token);
@@ -989,20 +990,12 @@ void stmt_cont(const Token*& t) {
 
 void stmt_tron(const Token*& t) {
   ++t;
+  std::uint32_t from = 0, to = kMaxLineNumber;
+  bool single;
+  if (!at_statement_end(t) && !parse_range(t, &from, &to, &single)) return;
   trace_on = true;
-  trace_lo = 0;
-  trace_hi = kMaxLineNumber;
-  if (at_statement_end(t)) return;
-  std::uint32_t a = 0, b = kMaxLineNumber;
-  if (t->kind != '-' && !eval_line_number(t, &a)) return;
-  b = a;
-  if (t->kind == '-') {
-    ++t;
-    b = kMaxLineNumber;
-    if (!at_statement_end(t) && !eval_line_number(t, &b)) return;
-  }
-  trace_lo = a;
-  trace_hi = b;
+  trace_lo = from;
+  trace_hi = to;
 }
 
 void stmt_troff(const Token*& t) {
@@ -1039,7 +1032,7 @@ void stmt_error(const Token*& t) {
 
 void stmt_break(const Token*& t) {
   ++t;
-  if (t->kind == kTokIdent && !std::strcmp(t->name(), "LIST")) {
+  if (t->kind == KW_LIST) {
     ++t;
     if (breakpoint_count == 0) {
       screen::put_line("(no breakpoints)");

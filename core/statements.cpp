@@ -50,6 +50,23 @@ constexpr std::array<Handler, 256> make_table() {
   table[KW_NEW] = stmt_new;
   table[KW_DELETE] = stmt_delete;
   table[KW_EDIT] = stmt_edit;
+  table[KW_DIM] = stmt_dim;
+  table[KW_REDIM] = stmt_redim;
+  table[KW_ERASE] = stmt_erase;
+  table[KW_OPTION] = stmt_option;
+  table[KW_DEFINT] = stmt_defint;
+  table[KW_DEFLNG] = stmt_deflng;
+  table[KW_DEFI64] = stmt_defi64;
+  table[KW_DEFSNG] = stmt_defsng;
+  table[KW_DEFDBL] = stmt_defdbl;
+  table[KW_DEFSTR] = stmt_defstr;
+  table[KW_COMMON] = stmt_common;
+  table[KW_SWAP] = stmt_swap;
+  table[KW_RANDOMIZE] = stmt_randomize;
+  table[KW_POKE] = stmt_poke;
+  table[KW_POKE16] = stmt_poke16;
+  table[KW_POKE32] = stmt_poke32;
+  table[KW_POKE64] = stmt_poke64;
   return table;
 }
 
@@ -71,7 +88,13 @@ void stmt_let(const Token*& t) {
 
 void run_statement(const Token*& t) {
   if (t->kind == kTokIdent) {
-    if (t[1].kind == '(' && !std::strcmp(t->name(), "TIMER")) stmt_timer(t);
+    const char* name = t->name();
+    // Statement words that are not keywords; followed by "=" or "(" they are
+    // ordinary variables or arrays.
+    const bool command = t[1].kind != '=' && t[1].kind != '(';
+    if (t[1].kind == '(' && !std::strcmp(name, "TIMER")) stmt_timer(t);
+    else if (command && !std::strcmp(name, "DCLVAL")) stmt_dclval(t);
+    else if (command && !std::strcmp(name, "SETVAR")) stmt_setvar(t);
     else stmt_let(t);
   } else if (t->kind == ':' ) {
     return;  // an empty statement

@@ -26,6 +26,29 @@ void stmt_delete(const Token*& t);
 void stmt_auto(const Token*& t);
 void stmt_edit(const Token*& t);
 
+void stmt_dim(const Token*& t);
+void stmt_redim(const Token*& t);
+void stmt_erase(const Token*& t);
+void stmt_option(const Token*& t);
+void stmt_defint(const Token*& t);
+void stmt_deflng(const Token*& t);
+void stmt_defi64(const Token*& t);
+void stmt_defsng(const Token*& t);
+void stmt_defdbl(const Token*& t);
+void stmt_defstr(const Token*& t);
+void stmt_common(const Token*& t);
+void stmt_swap(const Token*& t);
+void stmt_randomize(const Token*& t);
+void stmt_poke(const Token*& t);
+void stmt_poke16(const Token*& t);
+void stmt_poke32(const Token*& t);
+void stmt_poke64(const Token*& t);
+void stmt_dclval(const Token*& t);
+void stmt_setvar(const Token*& t);
+
+// A line range as LIST, DELETE, EDIT and TRON take it: n, n-, -n, n-m, ".", ERL.
+bool parse_range(const Token*& t, std::uint32_t* from, std::uint32_t* to, bool* single);
+
 // EDIT asks the Ready loop to edit the line it printed.
 extern bool edit_request;
 

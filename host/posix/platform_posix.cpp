@@ -1,5 +1,7 @@
 // Linux implementation of the platform interface.
+#include <dirent.h>
 #include <fcntl.h>
+#include <strings.h>
 #include <limits.h>
 #include <sys/mman.h>
 #include <sys/sysinfo.h>
@@ -123,8 +125,33 @@ bool file_readable(const std::string& path) {
   return true;
 }
 
+// BASIC programs name files without minding case (LOAD "prog" looks for
+// PROG.BAS), as they do on Windows: when the exact name is missing, a file in
+// the same directory whose name differs only in ASCII case is taken.
+static std::string case_insensitive_match(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  DIR* d = opendir(dir.c_str());
+  if (!d) return std::string();
+  std::string found;
+  while (dirent* e = readdir(d)) {
+    if (strcasecmp(e->d_name, base.c_str()) == 0) {
+      found = (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) + e->d_name;
+      break;
+    }
+  }
+  closedir(d);
+  return found;
+}
+
 std::FILE* open_file(const std::string& cp437_name, const char* mode) {
-  return std::fopen(cp437_to_utf8(cp437_name).c_str(), mode);
+  std::string path = cp437_to_utf8(cp437_name);
+  if (access(path.c_str(), F_OK) != 0) {
+    const std::string other = case_insensitive_match(path);
+    if (!other.empty()) path = other;  // also when writing: replace that file
+  }
+  return std::fopen(path.c_str(), mode);
 }
 
 bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }

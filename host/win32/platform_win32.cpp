@@ -124,6 +124,11 @@ bool file_readable(const std::string& path) {
   return true;
 }
 
+std::FILE* open_file(const std::string& cp437_name, const char* mode) {
+  const std::string m(mode);
+  return _wfopen(wide(cp437_to_utf8(cp437_name)).c_str(), std::wstring(m.begin(), m.end()).c_str());
+}
+
 bool is_absolute_path(const std::string& path) {
   auto sep = [](char c) { return c == '\\' || c == '/'; };
   if (path.size() >= 3 && path[1] == ':' && sep(path[2])) return true;  // X:\...
