@@ -18,10 +18,11 @@ void not_a_statement(const Token*&) { raise("Syntax error"); }
 // REM's remark made no tokens: the terminator follows.
 void stmt_rem(const Token*& t) { ++t; }
 
-constexpr std::array<Handler, 256> make_table() {
-  std::array<Handler, 256> table{};
+constexpr HandlerTable make_table() {
+  HandlerTable table{};
   for (Handler& h : table) h = not_a_statement;
   table[KW_PRINT] = stmt_print;
+  table[KW_WRITE] = stmt_write;
   table[KW_LET] = stmt_let;
   table[KW_REM] = stmt_rem;
   table[KW_GOTO] = stmt_goto;
@@ -70,7 +71,23 @@ constexpr std::array<Handler, 256> make_table() {
   return table;
 }
 
-constexpr std::array<Handler, 256> kHandlers = make_table();
+constexpr HandlerTable kHandlers = make_table();
+
+const NamedStatement kCoreNamed[] = {
+    {"DCLVAL", stmt_dclval},
+    {"SETVAR", stmt_setvar},
+};
+
+const NamedGroup kNamedGroups[] = {
+    {kCoreNamed, static_cast<int>(sizeof kCoreNamed / sizeof kCoreNamed[0])},
+};
+
+Handler find_named(const char* name) {
+  for (const NamedGroup& g : kNamedGroups)
+    for (int i = 0; i < g.count; ++i)
+      if (std::strcmp(g.rows[i].name, name) == 0) return g.rows[i].fn;
+  return nullptr;
+}
 
 }  // namespace
 
@@ -91,10 +108,9 @@ void run_statement(const Token*& t) {
     const char* name = t->name();
     // Statement words that are not keywords; followed by "=" or "(" they are
     // ordinary variables or arrays.
-    const bool command = t[1].kind != '=' && t[1].kind != '(';
-    if (t[1].kind == '(' && !std::strcmp(name, "TIMER")) stmt_timer(t);
-    else if (command && !std::strcmp(name, "DCLVAL")) stmt_dclval(t);
-    else if (command && !std::strcmp(name, "SETVAR")) stmt_setvar(t);
+    Handler named = t[1].kind != '=' && t[1].kind != '(' ? find_named(name) : nullptr;
+    if (named) named(t);
+    else if (t[1].kind == '(' && !std::strcmp(name, "TIMER")) stmt_timer(t);
     else stmt_let(t);
   } else if (t->kind == ':' ) {
     return;  // an empty statement

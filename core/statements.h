@@ -1,11 +1,30 @@
 // Statement dispatch: keyword tokens through a jump table indexed by the
 // token value, identifier-named statements first, assignment otherwise.
+//
+// Each subsystem (screen, files, ...) declares its handlers in a header of
+// its own with a constexpr installer that writes its rows into the table, and
+// a list of its statement words that are not keywords; statements.cpp calls
+// every installer when it builds the table at compile time.
 #pragma once
+#include <array>
+
 #include "core/token.h"
 
 namespace core {
 
 using Handler = void (*)(const Token*& t);
+using HandlerTable = std::array<Handler, 256>;
+
+// A statement word that is not a keyword (ACCEPT, CAPTURE, ...): it runs only
+// when not followed by "=" or "(", so the name still works as a variable.
+struct NamedStatement {
+  const char* name;
+  Handler fn;
+};
+struct NamedGroup {
+  const NamedStatement* rows;
+  int count;
+};
 
 // Run one statement at t (t on its first token); t is left on the token
 // after it (":" , ELSE or the end). Errors go through the error flag.
@@ -16,6 +35,7 @@ bool at_statement_end(const Token* t);
 
 // Handlers that other parts reach directly.
 void stmt_print(const Token*& t);
+void stmt_write(const Token*& t);
 void stmt_let(const Token*& t);
 void stmt_list(const Token*& t);
 void stmt_load(const Token*& t);

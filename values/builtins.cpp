@@ -692,11 +692,6 @@ bool f_getvar(const Token*& t, Value* out) {
   return true;
 }
 
-struct Builtin {
-  const char* name;
-  bool (*fn)(const Token*&, Value*);
-};
-
 const Builtin kBuiltins[] = {
     {"ABS", f_abs}, {"ASC", f_asc}, {"ATN", f_atn}, {"CDBL", f_cdbl}, {"CHR$", f_chr}, {"CINT", f_cint},
     {"COMMANDLINEARG$", f_commandlinearg}, {"COMP", f_comp}, {"CONJ", f_conj}, {"COS", f_cos},
@@ -732,15 +727,25 @@ unsigned parallel_threads() {
   return n < 1 ? 1 : n > 32 ? 32 : n;
 }
 
+const BuiltinGroup kGroups[] = {
+    {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
+};
+
 }  // namespace
 
+bool parse_args(const Token*& t, Value* a, int min, int max, int* count) { return args(t, a, min, max, count); }
+bool arg_int(const Value& v, std::int64_t* out) { return as_int(v, out); }
+bool arg_string(const Value& v) { return as_str(v); }
+
+// An index is group * 1024 + row.
 int find_builtin(const char* name) {
-  for (std::size_t i = 0; i < sizeof kBuiltins / sizeof kBuiltins[0]; ++i)
-    if (std::strcmp(kBuiltins[i].name, name) == 0) return static_cast<int>(i);
+  for (std::size_t g = 0; g < sizeof kGroups / sizeof kGroups[0]; ++g)
+    for (int i = 0; i < kGroups[g].count; ++i)
+      if (std::strcmp(kGroups[g].rows[i].name, name) == 0) return static_cast<int>(g) * 1024 + i;
   return -1;
 }
 
-bool call_builtin(int index, const Token*& t, Value* out) { return kBuiltins[index].fn(t, out); }
+bool call_builtin(int index, const Token*& t, Value* out) { return kGroups[index / 1024].rows[index % 1024].fn(t, out); }
 
 int find_pseudo(const char* name) {
   for (std::size_t i = 0; i < sizeof kPseudo / sizeof kPseudo[0]; ++i)

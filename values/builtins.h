@@ -4,7 +4,24 @@
 
 namespace values {
 
-// Index into the function table, or -1.
+// A group of built-in functions; each subsystem (screen, files, ...) brings
+// its own and the evaluator searches them in order.
+struct Builtin {
+  const char* name;
+  bool (*fn)(const Token*& t, Value* out);
+};
+struct BuiltinGroup {
+  const Builtin* rows;
+  int count;
+};
+
+// Helpers for functions that parse their own arguments.
+// "(" a1, ..., an ")" with min <= n <= max.
+[[nodiscard]] bool parse_args(const Token*& t, Value* a, int min, int max, int* count = nullptr);
+[[nodiscard]] bool arg_int(const Value& v, std::int64_t* out);   // numbers only ("Type mismatch")
+[[nodiscard]] bool arg_string(const Value& v);                   // "Type mismatch" unless a string
+
+// Index into the function tables, or -1.
 int find_builtin(const char* name);
 // t is just past the function name; parses its own arguments.
 [[nodiscard]] bool call_builtin(int index, const Token*& t, Value* out);
