@@ -480,6 +480,12 @@ void run_program(std::uint32_t start_index) {
   request_jump(start_index, 0);
 }
 
+void break_at_statement() {
+  exec.stop_request = true;
+  if (host::stop_requested()) return;  // the window is closing: no message
+  (void)handle_break(exec.stmt ? exec.stmt : exec.base);
+}
+
 // --- statements -----------------------------------------------------------
 
 void stmt_goto(const Token*& t) {

@@ -58,6 +58,10 @@ void skip_to_line_end(const Token*& t);
 // Token index of t within the current array.
 std::uint32_t token_index(const Token* t);
 
+// Esc while a statement waits for input: the program pauses with "Break" at
+// that statement (CONT runs it again).
+void break_at_statement();
+
 // Statement handlers that live in the executor.
 void stmt_goto(const Token*& t);
 void stmt_gosub(const Token*& t);

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "core/token.h"
+#include "values/builtins.h"
 #include "values/eval.h"
 
 namespace core {
@@ -18,5 +19,17 @@ bool field_value(const char* p, std::uint32_t n, std::uint8_t type, values::Valu
 // commas; unquoted ones are trimmed. Advances p past the field and its comma.
 // `quoted` tells whether the field had quotes.
 void next_field(const char*& p, const char* e, const char** start, std::uint32_t* len, bool* quoted);
+
+// Hooks the file subsystem fills: INPUT #, LINE INPUT #, INPUT$(n,#f); and
+// the graphics LINE statement, which shares its keyword with LINE INPUT.
+extern void (*input_from_file)(const Token*& t);
+extern void (*line_input_from_file)(const Token*& t);
+extern bool (*file_input_chars)(std::int64_t file, std::int64_t count, values::Value* out);
+extern void (*line_graphics)(const Token*& t);
+
+// INPUT$ and its friends for the evaluator's function tables.
+const values::BuiltinGroup& input_builtins();
+// CLEAR and RUN put the DATA pointer back to the first item.
+void install_data_hooks();
 
 }  // namespace core

@@ -23,6 +23,11 @@ constexpr HandlerTable make_table() {
   for (Handler& h : table) h = not_a_statement;
   table[KW_PRINT] = stmt_print;
   table[KW_WRITE] = stmt_write;
+  table[KW_INPUT] = stmt_input;
+  table[KW_LINE] = stmt_line;
+  table[KW_DATA] = stmt_data;
+  table[KW_READ] = stmt_read;
+  table[KW_RESTORE] = stmt_restore;
   table[KW_LET] = stmt_let;
   table[KW_REM] = stmt_rem;
   table[KW_GOTO] = stmt_goto;

@@ -46,6 +46,11 @@ void stmt_delete(const Token*& t);
 void stmt_auto(const Token*& t);
 void stmt_edit(const Token*& t);
 
+void stmt_input(const Token*& t);
+void stmt_line(const Token*& t);
+void stmt_data(const Token*& t);
+void stmt_read(const Token*& t);
+void stmt_restore(const Token*& t);
 void stmt_dim(const Token*& t);
 void stmt_redim(const Token*& t);
 void stmt_erase(const Token*& t);

@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "core/errors.h"
+#include "core/input.h"
 #include "core/numscan.h"
 #include "core/tokenizer.h"
 #include "host/platform.h"
@@ -729,6 +730,7 @@ unsigned parallel_threads() {
 
 const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
+    core::input_builtins(),
 };
 
 }  // namespace
