@@ -50,6 +50,7 @@ void init_interpreter() {
   values::rnd_reset();
   on_program_changed = program_changed;
   install_data_hooks();
+  install_user_functions();
   clear_run_state();
 }
 

@@ -451,6 +451,7 @@ void clear_run_state() {
   for (Timer& tm : timers) tm = Timer{};
   mouse_move_line = mouse_click_line = mouse_double_line = 0;
   if (restore_data) restore_data();
+  if (forget_user_functions) forget_user_functions();
 }
 
 void program_changed() {

@@ -26,6 +26,9 @@ constexpr HandlerTable make_table() {
   table[KW_INPUT] = stmt_input;
   table[KW_LINE] = stmt_line;
   table[KW_DATA] = stmt_data;
+  table[KW_DEF] = stmt_def;
+  table[KW_LSET] = stmt_lset;
+  table[KW_RSET] = stmt_rset;
   table[KW_READ] = stmt_read;
   table[KW_RESTORE] = stmt_restore;
   table[KW_LET] = stmt_let;
@@ -116,6 +119,7 @@ void run_statement(const Token*& t) {
     Handler named = t[1].kind != '=' && t[1].kind != '(' ? find_named(name) : nullptr;
     if (named) named(t);
     else if (t[1].kind == '(' && !std::strcmp(name, "TIMER")) stmt_timer(t);
+    else if (t[1].kind == '(' && !std::strcmp(name, "MID$")) stmt_mid(t);
     else stmt_let(t);
   } else if (t->kind == ':' ) {
     return;  // an empty statement
