@@ -54,12 +54,12 @@ std::uint32_t resolve(const Token* tok) {
 }
 
 // The descriptor of a token's variable, through the token's cache.
+// Slot 2 keeps the type generation the entry was found under: a DEFxxx in
+// between may give the same name another type.
 Descriptor* lookup(const Token* tok, bool array, bool create) {
   auto* w = const_cast<Token*>(tok);
-  if (w->cache[1].a && w->cache[1].b == table_generation()) {
-    auto* d = reinterpret_cast<Descriptor*>(w->cache[1].a);
-    if (d->type == type_of_name(tok->name())) return d;
-  }
+  if (w->cache[1].a && w->cache[1].b == table_generation() && w->cache[2].a == type_generation())
+    return reinterpret_cast<Descriptor*>(w->cache[1].a);
   const std::uint8_t type = type_of_name(tok->name());
   Descriptor* d = find_descriptor(tok->name(), array, type);
   if (!d && create) {
@@ -69,7 +69,10 @@ Descriptor* lookup(const Token* tok, bool array, bool create) {
     }
     d = create_descriptor(tok->name(), array);
   }
-  if (d) w->cache[1] = {reinterpret_cast<std::uint64_t>(d), table_generation()};
+  if (d) {
+    w->cache[1] = {reinterpret_cast<std::uint64_t>(d), table_generation()};
+    w->cache[2] = {type_generation(), 0};
+  }
   return d;
 }
 
@@ -358,7 +361,9 @@ bool parse_lvalue(const Token*& t, LValue* out) {
   if (t->kind != core::kTokIdent) return fail("Expected variable");
   const Token* tok = t++;
   *out = LValue{};
-  if (find_pseudo(tok->name()) >= 0 || is_read_only_name(tok->name())) return fail("Read-only or runtime name");
+  // The token remembers what its name is, so the pseudo-variable check costs
+  // one comparison after the first time.
+  if (resolve(tok) == kPseudo) return fail("Read-only or runtime name");
   if (t->kind == '(') {
     std::int64_t subs[kMaxDimensions + 1];
     int n;
