@@ -27,6 +27,7 @@ Exec exec;
 std::atomic<std::uint32_t> event_pending{0};
 void (*close_all_files)() = nullptr;
 void (*restore_data)() = nullptr;
+bool (*offer_compiled_region)(const Token*& t) = nullptr;
 
 namespace {
 
@@ -367,6 +368,14 @@ void run_loop(const Token* t) {
     }
     if (t->kind == kTokEnd) {
       if (!next_line(t)) return;
+      continue;
+    }
+    if (offer_compiled_region && !exec.stepping && offer_compiled_region(t)) {
+      values::statement_boundary();
+      if (exec.jumped) {
+        exec.jumped = false;
+        (void)set_position(exec.next_line, exec.next_token, t);
+      }
       continue;
     }
     if (exec.stepping) {

@@ -90,4 +90,11 @@ void stmt_timer(const Token*& t);  // TIMER(n) = ms | ON | OFF
 extern void (*close_all_files)();
 extern void (*restore_data)();
 
+// Compiled execution: offered the statement at t before it is interpreted
+// (not while single-stepping). It returns true when it ran one or more
+// statements; it then leaves t on the next statement to interpret in the
+// same token array, or requests a jump the way GOTO does. Null until the
+// compiler is installed.
+extern bool (*offer_compiled_region)(const Token*& t);
+
 }  // namespace core
