@@ -378,7 +378,7 @@ void run_loop(const Token* t) {
       }
       continue;
     }
-    if (exec.stepping) {
+    if (exec.stepping && exec.line != kDirect) {
       if (!exec.step_armed) {
         record_pause(4, exec.line, token_index(t));
         char buf[64];

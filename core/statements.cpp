@@ -13,7 +13,7 @@ namespace core {
 
 namespace {
 
-void not_a_statement(const Token*&) { raise("Syntax error"); }
+void not_a_statement(const Token*&) { raise("Syntax Error"); }
 
 // REM's remark made no tokens: the terminator follows.
 void stmt_rem(const Token*& t) { ++t; }
