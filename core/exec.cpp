@@ -458,6 +458,7 @@ void clear_run_state() {
   reset_stacks();
   on_error_line = on_break_line = 0;
   for (Timer& tm : timers) tm = Timer{};
+  for (std::int64_t& ms : values::timer_interval_ms) ms = 0;
   mouse_move_line = mouse_click_line = mouse_double_line = 0;
   if (restore_data) restore_data();
   if (forget_user_functions) forget_user_functions();

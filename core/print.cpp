@@ -2,6 +2,7 @@
 #include "core/print.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -435,6 +436,13 @@ void print_using(const char* f, std::uint32_t n, const Token*& t, OutSink& out) 
         return;
       }
       if (!values::value_to_double(v, &d)) return;
+      if (v.type == values::kSingle && d - d == 0) {
+        // A SINGLE has 7 significant digits; digits beyond them would show
+        // the binary value's noise in wide fields.
+        char seven[32];
+        std::snprintf(seven, sizeof seven, "%.7g", d);
+        d = std::strtod(seven, nullptr);
+      }
       const NumField nf = parse_num_field(f, i, n);
       const std::string s = format_number(nf, d);
       put_bytes(out, s.data(), static_cast<std::uint32_t>(s.size()));
