@@ -37,6 +37,8 @@ std::uint32_t text_rows();     // TXTMAXY: min(height / 16, 128), at least 1
 Region text_region();
 
 void put_char(std::uint8_t c);
+// BEL's sound, without moving the cursor (CHR$(7) and BEEP).
+void bell();
 void put_text(const char* s);
 void put_line(const char* s);  // text, then CR
 // Error messages, "Break" and "Ready." start at the region's left column.
