@@ -178,9 +178,14 @@ void put_line(const char* s) {
   put_char(13);
 }
 
+bool at_line_start() {
+  // While capturing, the screen's cursor stands still: the captured line counts.
+  if (con.capture_mode != 0) return con.capture_col == 0;
+  return con.col == text_region().left;
+}
+
 void ensure_left_column() {
-  const Region r = text_region();
-  if (con.col != r.left) put_char(13);
+  if (!at_line_start()) put_char(13);
 }
 
 void reset_console() {
