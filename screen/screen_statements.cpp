@@ -414,7 +414,14 @@ void stmt_accept(const Token*& t) {
     f.allowed_len = static_cast<std::uint32_t>(allowed.size());
   }
   values::LValue lv;
-  if (!values::parse_lvalue(t, &lv) || !end_of_statement(t)) return;
+  if (!values::parse_lvalue(t, &lv)) return;
+  // The tokenizer marks the first colon after an option as ACCEPT's own, so
+  // it cannot tell "ACCEPT SIZE 5: N$" from "ACCEPT SIZE 5 N$: PRINT N$".
+  // A marked colon after the variable ends the statement; the token is
+  // corrected in place (the same on every run of the line) so that the run
+  // loop sees an ordinary separator.
+  if (t->kind == core::kTokAcceptColon) const_cast<Token*>(t)->kind = ':';
+  if (!end_of_statement(t)) return;
   if (row > 0) {
     con.row = static_cast<std::uint32_t>(row - 1);
     con.col = static_cast<std::uint32_t>(col - 1);
