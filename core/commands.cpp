@@ -156,7 +156,7 @@ void stmt_list(const Token*& t) {
     used += rows;
     screen::put_text(head);
     for (std::uint32_t i = 0; i < len; ++i) screen::put_char(static_cast<std::uint8_t>(body[i]));
-    if (screen::con.col != screen::text_region().left) screen::put_char(13);
+    if (!screen::at_line_start()) screen::put_char(13);
   }
 }
 

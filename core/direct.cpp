@@ -12,6 +12,7 @@
 #include "core/statements.h"
 #include "core/tokenizer.h"
 #include "host/shell.h"
+#include "screen/capture.h"
 #include "screen/console.h"
 #include "values/rnd.h"
 #include "values/strings.h"
@@ -108,6 +109,7 @@ void execute_direct(const char* line) {
   --depth;
   values::statement_boundary();
   if (outermost) {
+    screen::end_capture();  // a capture lasts at most one command; its text is stored
     screen::con.capture_mode = capture;
     screen::con.full_screen_override = full;
   }

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "screen/capture.h"
 #include "screen/console.h"
 
 namespace core {
@@ -23,6 +24,7 @@ const ErrorRow kErrorTable[] = {
 };
 
 void print_text(const char* s) {
+  screen::end_capture();  // an error message is always seen
   screen::ensure_left_column();
   screen::put_text(s);
 }

@@ -12,6 +12,7 @@
 #include "host/platform.h"
 #include "host/shell.h"
 #include "host/ui.h"
+#include "screen/capture.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
 #include "screen/mouse.h"
@@ -236,6 +237,7 @@ bool handle_break(const Token* t) {
     }
   }
   record_pause(3, exec.line, token_index(t));
+  screen::end_capture();
   screen::ensure_left_column();
   screen::put_text("Break");
   if (exec.line != kDirect) print_line_suffix(current_line_number());

@@ -22,7 +22,10 @@ namespace {
 constexpr std::uint32_t kZoneWidth = 14;
 
 void console_put(void*, std::uint8_t c) { screen::put_char(c); }
-std::uint32_t console_column(void*) { return screen::con.col - screen::text_region().left; }
+std::uint32_t console_column(void*) {
+  if (screen::con.capture_mode) return screen::con.capture_col;  // CAPTURE: the captured line's column
+  return screen::con.col - screen::text_region().left;
+}
 
 void put_bytes(OutSink& out, const char* p, std::uint32_t n) {
   for (std::uint32_t i = 0; i < n; ++i) out.put(out.ctx, static_cast<std::uint8_t>(p[i]));

@@ -7,6 +7,7 @@
 #include "core/errors.h"
 #include "core/exec.h"
 #include "core/keywords.h"
+#include "screen/screen_statements.h"
 #include "values/eval.h"
 
 namespace core {
@@ -76,6 +77,7 @@ constexpr HandlerTable make_table() {
   table[KW_POKE16] = stmt_poke16;
   table[KW_POKE32] = stmt_poke32;
   table[KW_POKE64] = stmt_poke64;
+  screen::install_screen_statements(table);
   return table;
 }
 
@@ -88,6 +90,7 @@ const NamedStatement kCoreNamed[] = {
 
 const NamedGroup kNamedGroups[] = {
     {kCoreNamed, static_cast<int>(sizeof kCoreNamed / sizeof kCoreNamed[0])},
+    {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
 };
 
 Handler find_named(const char* name) {

@@ -2,8 +2,23 @@
 // or headless terminal). Exactly one front end is installed at start-up.
 #pragma once
 #include <cstdint>
+#include <string>
+#include <vector>
+
+#include "host/display.h"
 
 namespace host {
+
+// Keys that KEYDOWN can ask about, numbered independently of any front end:
+// '0'..'9' and 'A'..'Z' stand for themselves, the rest follow. Each front end
+// maps these to its own key numbers in named_key_down.
+enum KeyId : int {
+  kKeyIdSpace = 32,
+  kKeyIdUp = 128, kKeyIdDown, kKeyIdLeft, kKeyIdRight, kKeyIdHome, kKeyIdEnd, kKeyIdPageUp,
+  kKeyIdPageDown, kKeyIdInsert, kKeyIdDelete, kKeyIdEsc, kKeyIdEnter, kKeyIdTab, kKeyIdBackspace,
+  kKeyIdShift, kKeyIdCtrl, kKeyIdAlt,
+  kKeyIdF1 = 160,  // F1..F12 are 160..171
+};
 
 class Ui {
  public:
@@ -18,6 +33,14 @@ class Ui {
   virtual void console_echo(std::uint8_t) {}
   // Live state of a host key id (software key repeat and KEYDOWN).
   virtual bool key_is_down(int host_key) { (void)host_key; return false; }
+  // Live state of a KeyId (KEYDOWN). Either Shift, Ctrl or Alt key counts.
+  virtual bool named_key_down(int key_id) { (void)key_id; return false; }
+  // The clipboard's text converted to code page 437 (CLIPBOARD$); false when
+  // there is none or it cannot be read or converted.
+  virtual bool clipboard_text(std::string* out) { (void)out; return false; }
+  // SCREEN MODES, VIDEOMODE, VIDEOMODES(): the monitor's modes. Headless has
+  // no monitor, so a session behaves the same on every machine.
+  virtual std::vector<DisplayMode> video_modes() { return {}; }
   // BEL and BEEP while no audio engine runs.
   virtual void beep(unsigned hz, unsigned ms);
   // True when no window exists (headless mode).

@@ -129,6 +129,11 @@ static void echo(std::uint8_t c) {
   if (!con.echo_suppressed && host::ui) host::ui->console_echo(c);
 }
 
+void bell() {
+  // The audio engine takes the beep once it exists; until then the host beeps.
+  if (host::ui) host::ui->beep(800, 200);
+}
+
 void put_char(std::uint8_t c) {
   if (con.capture_mode != 0) {
     if (capture_sink) capture_sink(c);
@@ -140,8 +145,7 @@ void put_char(std::uint8_t c) {
   if (con.row > r.bottom) con.row = r.bottom;
   switch (c) {
     case 7:
-      // The audio engine takes the beep once it exists; until then the host beeps.
-      if (host::ui) host::ui->beep(800, 200);
+      bell();
       return;
     case 12:
       clear_region();
@@ -174,9 +178,14 @@ void put_line(const char* s) {
   put_char(13);
 }
 
+bool at_line_start() {
+  // While capturing, the screen's cursor stands still: the captured line counts.
+  if (con.capture_mode != 0) return con.capture_col == 0;
+  return con.col == text_region().left;
+}
+
 void ensure_left_column() {
-  const Region r = text_region();
-  if (con.col != r.left) put_char(13);
+  if (!at_line_start()) put_char(13);
 }
 
 void reset_console() {

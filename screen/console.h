@@ -37,10 +37,14 @@ std::uint32_t text_rows();     // TXTMAXY: min(height / 16, 128), at least 1
 Region text_region();
 
 void put_char(std::uint8_t c);
+// BEL's sound, without moving the cursor (CHR$(7) and BEEP).
+void bell();
 void put_text(const char* s);
 void put_line(const char* s);  // text, then CR
 // Error messages, "Break" and "Ready." start at the region's left column.
 void ensure_left_column();
+// True when the next byte starts a line (of the capture while one runs).
+bool at_line_start();
 void clear_region();
 void scroll_region_up();
 void draw_glyph(std::int64_t x, std::int64_t y, std::uint8_t ch, std::uint32_t fg, std::uint32_t bg);

@@ -16,6 +16,7 @@
 #include "screen/console.h"
 #include "screen/framebuffer.h"
 #include "screen/keyqueue.h"
+#include "screen/screen_statements.h"
 #include "screen/snapshot.h"
 #include "values/arena.h"
 #include "values/arrays.h"
@@ -753,6 +754,7 @@ unsigned parallel_threads() {
 const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
     core::input_builtins(),
+    {screen::kScreenFunctions, screen::kScreenFunctionCount},
 };
 
 }  // namespace

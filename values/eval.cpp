@@ -143,6 +143,13 @@ bool primary(const Token*& t, Value* v) {
       }
       break;
     }
+    case core::KW_SCREEN: {
+      // SCREEN(row,col) reads a cell back; the word arrives as its statement keyword.
+      static const int screen_function = find_builtin("SCREEN");
+      ++t;
+      if (!call_builtin(screen_function, t, v)) return false;
+      break;
+    }
     case core::kTokEnd:
     case ':':
     case ',':

@@ -116,8 +116,56 @@ class Sdl final : public Frontend {
     return host_key >= 0 && host_key < SDL_NUM_SCANCODES && down_[host_key].load();
   }
 
+  bool named_key_down(int key_id) override {
+    auto is = [&](SDL_Scancode sc) { return down_[sc].load(); };
+    if (key_id >= 'A' && key_id <= 'Z') return is(static_cast<SDL_Scancode>(SDL_SCANCODE_A + (key_id - 'A')));
+    // SDL numbers the digit row 1..9 then 0.
+    if (key_id == '0') return is(SDL_SCANCODE_0);
+    if (key_id >= '1' && key_id <= '9') return is(static_cast<SDL_Scancode>(SDL_SCANCODE_1 + (key_id - '1')));
+    if (key_id >= kKeyIdF1 && key_id < kKeyIdF1 + 12)
+      return is(static_cast<SDL_Scancode>(SDL_SCANCODE_F1 + (key_id - kKeyIdF1)));
+    switch (key_id) {
+      case kKeyIdSpace: return is(SDL_SCANCODE_SPACE);
+      case kKeyIdUp: return is(SDL_SCANCODE_UP);
+      case kKeyIdDown: return is(SDL_SCANCODE_DOWN);
+      case kKeyIdLeft: return is(SDL_SCANCODE_LEFT);
+      case kKeyIdRight: return is(SDL_SCANCODE_RIGHT);
+      case kKeyIdHome: return is(SDL_SCANCODE_HOME);
+      case kKeyIdEnd: return is(SDL_SCANCODE_END);
+      case kKeyIdPageUp: return is(SDL_SCANCODE_PAGEUP);
+      case kKeyIdPageDown: return is(SDL_SCANCODE_PAGEDOWN);
+      case kKeyIdInsert: return is(SDL_SCANCODE_INSERT);
+      case kKeyIdDelete: return is(SDL_SCANCODE_DELETE);
+      case kKeyIdEsc: return is(SDL_SCANCODE_ESCAPE);
+      case kKeyIdEnter: return is(SDL_SCANCODE_RETURN) || is(SDL_SCANCODE_KP_ENTER);
+      case kKeyIdTab: return is(SDL_SCANCODE_TAB);
+      case kKeyIdBackspace: return is(SDL_SCANCODE_BACKSPACE);
+      case kKeyIdShift: return is(SDL_SCANCODE_LSHIFT) || is(SDL_SCANCODE_RSHIFT);
+      case kKeyIdCtrl: return is(SDL_SCANCODE_LCTRL) || is(SDL_SCANCODE_RCTRL);
+      case kKeyIdAlt: return is(SDL_SCANCODE_LALT) || is(SDL_SCANCODE_RALT);
+      default: return false;
+    }
+  }
+
+  // SDL's clipboard belongs to the thread that runs the event loop (X11 answers
+  // the request through events), so the interpreter asks that thread.
+  bool clipboard_text(std::string* out) override {
+    std::unique_lock guard(lock_);
+    clip_answered_ = false;
+    post(kClipboard, nullptr);
+    while (!clip_answered_) {
+      if (stop_requested()) return false;
+      cv_.wait_for(guard, std::chrono::milliseconds(16));
+    }
+    if (!clip_ok_) return false;
+    *out = clip_text_;
+    return true;
+  }
+
+  std::vector<DisplayMode> video_modes() override { return display_modes(); }
+
  private:
-  enum { kPaint = 1, kRecreate = 2, kClose = 3 };
+  enum { kPaint = 1, kRecreate = 2, kClose = 3, kClipboard = 4 };
 
   void post(int code, void* data, void* data2 = nullptr) {
     SDL_Event e{};
@@ -152,6 +200,20 @@ class Sdl final : public Frontend {
       }
       cv_.notify_all();
       present();
+    } else if (code == kClipboard) {
+      std::string cp;
+      bool ok = false;
+      if (char* text = SDL_GetClipboardText()) {
+        ok = utf8_to_cp437(text, &cp);
+        SDL_free(text);
+      }
+      {
+        std::lock_guard guard(lock_);
+        clip_ok_ = ok;
+        clip_text_ = std::move(cp);
+        clip_answered_ = true;
+      }
+      cv_.notify_all();
     }
   }
 
@@ -403,6 +465,8 @@ class Sdl final : public Frontend {
   std::mutex lock_;
   std::condition_variable cv_;
   bool answered_ = false, answer_ = false;
+  bool clip_answered_ = false, clip_ok_ = false;
+  std::string clip_text_;
 };
 
 }  // namespace

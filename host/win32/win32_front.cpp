@@ -37,6 +37,28 @@ std::atomic<HWND> g_window{nullptr};
 
 bool down(int vk) { return (GetKeyState(vk) & 0x8000) != 0; }
 
+// The clipboard's Unicode text in code page 437. Another program may hold the
+// clipboard for a moment, so opening is retried up to 50 times 5 ms apart.
+bool read_clipboard(HWND owner, std::string* out) {
+  bool open = false;
+  for (int attempt = 0; attempt < 50 && !(open = OpenClipboard(owner)); ++attempt) Sleep(5);
+  if (!open) return false;
+  std::u16string text;
+  bool found = false;
+  if (HANDLE h = GetClipboardData(CF_UNICODETEXT)) {
+    if (const auto* p = static_cast<const char16_t*>(GlobalLock(h))) {
+      const SIZE_T cap = GlobalSize(h) / sizeof(char16_t);
+      SIZE_T n = 0;
+      while (n < cap && p[n]) ++n;
+      text.assign(p, n);
+      GlobalUnlock(h);
+      found = true;
+    }
+  }
+  CloseClipboard();
+  return found && utf16_to_cp437(text, out);
+}
+
 // A memory device context with one 32-bit top-down DIB section selected into it.
 struct Surface {
   HDC dc = nullptr;
@@ -175,6 +197,38 @@ class Win32 final : public Frontend {
   bool key_is_down(int host_key) override {
     return host_key > 0 && host_key < 256 && (GetAsyncKeyState(host_key) & 0x8000) != 0;
   }
+
+  bool named_key_down(int key_id) override {
+    // Letters and digits are their own virtual keys.
+    if ((key_id >= 'A' && key_id <= 'Z') || (key_id >= '0' && key_id <= '9')) return key_is_down(key_id);
+    if (key_id >= kKeyIdF1 && key_id < kKeyIdF1 + 12) return key_is_down(VK_F1 + (key_id - kKeyIdF1));
+    switch (key_id) {
+      case kKeyIdSpace: return key_is_down(VK_SPACE);
+      case kKeyIdUp: return key_is_down(VK_UP);
+      case kKeyIdDown: return key_is_down(VK_DOWN);
+      case kKeyIdLeft: return key_is_down(VK_LEFT);
+      case kKeyIdRight: return key_is_down(VK_RIGHT);
+      case kKeyIdHome: return key_is_down(VK_HOME);
+      case kKeyIdEnd: return key_is_down(VK_END);
+      case kKeyIdPageUp: return key_is_down(VK_PRIOR);
+      case kKeyIdPageDown: return key_is_down(VK_NEXT);
+      case kKeyIdInsert: return key_is_down(VK_INSERT);
+      case kKeyIdDelete: return key_is_down(VK_DELETE);
+      case kKeyIdEsc: return key_is_down(VK_ESCAPE);
+      case kKeyIdEnter: return key_is_down(VK_RETURN);
+      case kKeyIdTab: return key_is_down(VK_TAB);
+      case kKeyIdBackspace: return key_is_down(VK_BACK);
+      case kKeyIdShift: return key_is_down(VK_SHIFT);
+      case kKeyIdCtrl: return key_is_down(VK_CONTROL);
+      case kKeyIdAlt: return key_is_down(VK_MENU);
+      default: return false;
+    }
+  }
+
+  // Any thread may read the clipboard; no owner window is needed for reading.
+  bool clipboard_text(std::string* out) override { return read_clipboard(nullptr, out); }
+
+  std::vector<DisplayMode> video_modes() override { return display_modes(); }
 
   LRESULT handle(HWND wnd, UINT msg, WPARAM wp, LPARAM lp) {
     if (!hwnd_) hwnd_ = wnd;  // messages sent while CreateWindowExW is still running
@@ -530,22 +584,8 @@ class Win32 final : public Frontend {
   }
 
   void paste() {
-    bool open = false;
-    for (int attempt = 0; attempt < 50 && !(open = OpenClipboard(hwnd_)); ++attempt) Sleep(5);
-    if (!open) return;
-    std::u16string text;
-    if (HANDLE h = GetClipboardData(CF_UNICODETEXT)) {
-      if (const auto* p = static_cast<const char16_t*>(GlobalLock(h))) {
-        const SIZE_T cap = GlobalSize(h) / sizeof(char16_t);
-        SIZE_T n = 0;
-        while (n < cap && p[n]) ++n;
-        text.assign(p, n);
-        GlobalUnlock(h);
-      }
-    }
-    CloseClipboard();
     std::string cp;
-    if (!utf16_to_cp437(text, &cp)) return;  // a failed conversion pastes nothing
+    if (!read_clipboard(hwnd_, &cp)) return;  // a failed open or conversion pastes nothing
     for (unsigned char c : cp) {
       if (c == '\n') c = 13;  // CR LF becomes one Enter: the CR is dropped below
       else if (c < 32) continue;
