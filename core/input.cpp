@@ -20,6 +20,10 @@
 
 namespace core {
 
+void (*input_file_hook)(const Token*& t) = nullptr;
+void (*line_input_file_hook)(const Token*& t) = nullptr;
+bool (*input_chars_hook)(std::int64_t file_number, std::int64_t count, values::Value* out) = nullptr;
+
 bool field_value(const char* p, std::uint32_t n, std::uint8_t type, values::Value* out) {
   if (type == values::kString) {
     *out = values::Value::string(const_cast<char*>(p), n);

@@ -19,4 +19,11 @@ bool field_value(const char* p, std::uint32_t n, std::uint8_t type, values::Valu
 // `quoted` tells whether the field had quotes.
 void next_field(const char*& p, const char* e, const char** start, std::uint32_t* len, bool* quoted);
 
+// INPUT #, LINE INPUT # and INPUT$(n, #f) belong to the files subsystem:
+// the console statements hand over when "#" follows INPUT (t on INPUT) or
+// LINE INPUT (t on LINE); INPUT$ with a file number calls input_chars_hook.
+extern void (*input_file_hook)(const Token*& t);
+extern void (*line_input_file_hook)(const Token*& t);
+extern bool (*input_chars_hook)(std::int64_t file_number, std::int64_t count, values::Value* out);
+
 }  // namespace core

@@ -7,6 +7,7 @@
 #include "core/errors.h"
 #include "core/exec.h"
 #include "core/keywords.h"
+#include "files/file_statements.h"
 #include "values/eval.h"
 
 namespace core {
@@ -21,6 +22,7 @@ void stmt_rem(const Token*& t) { ++t; }
 constexpr HandlerTable make_table() {
   HandlerTable table{};
   for (Handler& h : table) h = not_a_statement;
+  files::install_file_statements(table);  // first: the console rows below replace its INPUT and LINE stand-ins
   table[KW_PRINT] = stmt_print;
   table[KW_WRITE] = stmt_write;
   table[KW_LET] = stmt_let;
@@ -80,6 +82,7 @@ const NamedStatement kCoreNamed[] = {
 
 const NamedGroup kNamedGroups[] = {
     {kCoreNamed, static_cast<int>(sizeof kCoreNamed / sizeof kCoreNamed[0])},
+    {files::kFileNamed, files::kFileNamedCount},
 };
 
 Handler find_named(const char* name) {

@@ -9,6 +9,7 @@
 #include "core/errors.h"
 #include "core/numscan.h"
 #include "core/tokenizer.h"
+#include "files/file_functions.h"
 #include "host/platform.h"
 #include "host/shell.h"
 #include "host/ui.h"
@@ -729,6 +730,7 @@ unsigned parallel_threads() {
 
 const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
+    files::file_builtins(),
 };
 
 }  // namespace

@@ -1,0 +1,69 @@
+// The table of BASIC file numbers #1..#255 and the byte-level access every
+// file statement and function shares.
+#pragma once
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "core/token.h"
+#include "host/platform.h"
+
+namespace files {
+
+constexpr int kMaxFiles = 255;            // file numbers run 1..kMaxFiles
+constexpr std::uint32_t kDefaultRecord = 128;
+constexpr std::uint32_t kMaxRecord = 32767;
+
+// The numbers FILEATTR(n,1) reports; also used as masks of allowed modes.
+enum Mode : std::uint8_t { kClosed = 0, kInput = 1, kOutput = 2, kRandom = 4, kAppend = 8 };
+
+struct FileSlot {
+  std::FILE* f = nullptr;
+  std::uint8_t mode = kClosed;
+  std::string name;             // as the program gave it (code page 437)
+  std::uint32_t column = 0;     // PRINT #'s column for zones and TAB
+  std::uint32_t reclen = kDefaultRecord;
+  char* record = nullptr;       // the random-access record buffer (FIELD points into it)
+  std::int64_t last_record = 0; // LOC of a random file: the last record read or written
+  bool past_end = false;        // a GET read beyond the end of the file
+  bool write_failed = false;
+};
+
+// The slot of an open file number, checked: "Bad file number" outside
+// 1..255 or when nothing is open there, "Bad file mode" when the file's mode
+// is not in `modes`. Null after raising.
+FileSlot* open_slot(std::int64_t n, std::uint8_t modes);
+// The slot of a number whether open or not (null and "Bad file number" outside 1..255).
+FileSlot* any_slot(std::int64_t n);
+// "[#]n" at t: a file number expression, range-checked.
+bool parse_file_number(const core::Token*& t, std::int64_t* n);
+
+// Open a file into a free slot; raises the open failure's message.
+bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::uint32_t reclen);
+// Close one number (nothing happens when it is not open). False and a raised
+// error when buffered bytes could not be written; the slot is free either way.
+bool close_file(std::int64_t n);
+// END, CLEAR, NEW, RUN, LOAD and the end of the interpreter thread.
+void close_all();
+// Push every buffered byte to the system (the end of each direct command).
+void flush_all();
+// Whether a file of this name is open (names compared as the system does: case aside).
+bool open_name(const std::string& name);
+// Whether p lies in the record buffer of an open random file.
+bool in_record_buffer(const char* p);
+
+// Byte access for sequential input: the next byte or -1 at the end (a
+// Ctrl-Z byte ends a text file as the end does).
+int read_byte(FileSlot& s);
+int peek_byte(FileSlot& s);
+// Checked after output statements: "Disk full" or "Disk I/O error".
+bool check_write(FileSlot& s);
+
+// The message for a failed file-system operation.
+const char* fault_message(host::FileFault f);
+
+// The name checks of every file statement (string argument, "Bad file name",
+// "Illegal filename", "Path too long").
+bool file_name_value(const core::Token*& t, std::string* out);
+
+}  // namespace files
