@@ -69,7 +69,7 @@ struct Pattern {
   std::string mask;  // "*" when none was given
 };
 
-bool parse_pattern(const char* text, std::uint32_t len, Pattern* out) {
+bool parse_pattern(const char* text, std::uint32_t len, Pattern* out, bool directory_lists = true) {
   std::string all(text, len);
   const std::size_t sep = all.find_last_of("\\/");
   std::string dir = sep == std::string::npos ? std::string() : all.substr(0, sep + 1);
@@ -87,7 +87,8 @@ bool parse_pattern(const char* text, std::uint32_t len, Pattern* out) {
       if (c == '*' || c == '?') c = 'X';
     if (!core::check_file_name(plain.data(), static_cast<std::uint32_t>(plain.size()), &checked)) return false;
   }
-  if (!mask.empty() && mask.find_first_of("*?") == std::string::npos && host::path_kind(dir + mask) == 2) {
+  if (directory_lists && !mask.empty() && mask.find_first_of("*?") == std::string::npos &&
+      host::path_kind(dir + mask) == 2) {
     dir += mask;
     dir += host::path_separator();
     mask.clear();
@@ -231,7 +232,8 @@ void stmt_kill(const Token*& t) {
   values::Value v;
   if (!string_value(t, &v) || !end_of_statement(t)) return;
   Pattern p;
-  if (!parse_pattern(v.s.ptr, v.s.len, &p)) return;
+  // KILL "DIR" names the directory itself, which KILL never deletes.
+  if (!parse_pattern(v.s.ptr, v.s.len, &p, false)) return;
   std::vector<host::DirEntry> list;
   if (!matching(p, &list)) return;
   bool any = false;

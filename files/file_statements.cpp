@@ -90,7 +90,7 @@ bool read_field(FileSlot& s, bool numeric, std::string* out) {
     return true;
   }
   for (;;) {
-    if (c < 0 || c == ',') return true;
+    if (c < 0 || c == ',') break;
     if (c == 13 || c == 10) {
       end_line(c);
       break;
