@@ -181,10 +181,10 @@ bool decode_variables(const std::string& image, bool apply, const char* damaged)
     if (n > image.size()) return bad();
     values::Descriptor* d = nullptr;
     if (apply) {
-      const int saved_base = values::option_base;
+      // Element addressing reads the bounds with the current OPTION BASE, so
+      // the saved one comes back with the array.
       values::option_base = base;
       d = create(name, type, true, upper, dims);
-      values::option_base = saved_base;
       if (!d) return false;
     }
     const std::uint32_t w = values::slot_width(type);

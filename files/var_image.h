@@ -21,7 +21,8 @@ std::string encode_variables(bool (*keep)(const values::Descriptor&));
 
 // Check an image (apply = false) or create its variables (apply = true):
 // absent ones are created, existing ones of the same name and type are
-// overwritten. A malformed image is false with `damaged` raised.
+// overwritten; an array brings back the OPTION BASE it was made under. A
+// malformed image is false with `damaged` raised.
 bool decode_variables(const std::string& image, bool apply, const char* damaged);
 
 }  // namespace files
