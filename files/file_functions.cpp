@@ -46,7 +46,7 @@ bool f_eof(const Token*& t, Value* out) {
 bool f_loc(const Token*& t, Value* out) {
   FileSlot* s = file_arg(t, kInput | kOutput | kAppend | kRandom);
   if (!s) return false;
-  const std::int64_t v = s->mode == kRandom ? s->last_record : host::tell_file(s->f) / 128;
+  const std::int64_t v = s->mode == kRandom ? s->last_record : position(*s) / 128;
   *out = Value::integer(v, values::kInt64);
   return true;
 }
@@ -54,6 +54,7 @@ bool f_loc(const Token*& t, Value* out) {
 bool f_lof(const Token*& t, Value* out) {
   FileSlot* s = file_arg(t, kInput | kOutput | kAppend | kRandom);
   if (!s) return false;
+  if (s->mode != kInput && !flush_output(*s)) return fail("Disk I/O error");
   const std::int64_t pos = host::tell_file(s->f);
   const std::int64_t len = host::file_length(s->f);
   if (len < 0 || (s->mode == kInput && pos >= 0 && !host::seek_file(s->f, pos))) return fail("Disk I/O error");
@@ -155,7 +156,7 @@ bool input_chars(std::int64_t file_number, std::int64_t count, Value* out) {
   if (count < 0 || count > 0x7FFFFFFF) return fail("Illegal function call");
   std::string text(static_cast<std::size_t>(count), '\0');
   // Raw bytes: line ends and Ctrl-Z are data here.
-  const std::size_t got = std::fread(text.data(), 1, text.size(), s->f);
+  const std::size_t got = read_bytes(*s, text.data(), text.size());
   if (got < text.size()) {
     std::clearerr(s->f);
     return fail("Input past end");

@@ -50,9 +50,7 @@ bool record_length(const Token*& t, std::int64_t* len) {
 // --- output sink for PRINT # and WRITE # -------------------------------------
 
 void file_put(void* ctx, std::uint8_t c) {
-  FileSlot* s = static_cast<FileSlot*>(ctx);
-  std::putc(c, s->f);
-  s->column = c == 13 || c == 10 ? 0 : s->column + 1;
+  put_byte(*static_cast<FileSlot*>(ctx), c);
 }
 std::uint32_t file_column(void* ctx) { return static_cast<FileSlot*>(ctx)->column; }
 
@@ -287,17 +285,11 @@ void line_input_from_file(const Token*& t) {
     core::raise("Type mismatch");
     return;
   }
-  int c = read_byte(*s);
-  if (c < 0) {
+  std::string text;
+  if (!read_line(*s, &text)) {
     core::raise("Input past end");
     return;
   }
-  std::string text;
-  while (c >= 0 && c != 13 && c != 10) {
-    text.push_back(static_cast<char>(c));
-    c = read_byte(*s);
-  }
-  if (c == 13 && peek_byte(*s) == 10) (void)read_byte(*s);
   values::Value v = values::Value::string(text.data(), static_cast<std::uint32_t>(text.size()));
   (void)values::assign(lv, v);
 }

@@ -2,6 +2,7 @@
 // statements and functions.
 #include "files/file_table.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -17,8 +18,7 @@ namespace {
 
 FileSlot slots[kMaxFiles + 1];  // index 0 unused
 
-// Big buffers keep sequential PRINT #/INPUT # near the disk's speed: the
-// interpreter hands over one byte at a time.
+// The system-side buffer only sees whole blocks of ours.
 constexpr std::size_t kStreamBuffer = 1 << 16;
 
 bool fail(const char* m) {
@@ -148,12 +148,11 @@ bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::
     return fail(mode == kInput && host::path_kind(name) == 0 ? "File not found" : "Permission denied");
   }
   std::setvbuf(f, nullptr, _IOFBF, kStreamBuffer);
-  if (mode == kRandom) {
-    s->record = static_cast<char*>(std::calloc(reclen, 1));
-    if (!s->record) {
-      std::fclose(f);
-      return fail("Out of memory");
-    }
+  if (mode == kRandom) s->record = static_cast<char*>(std::calloc(reclen, 1));
+  else s->buf = static_cast<char*>(std::malloc(kBufferBytes));
+  if (!s->record && !s->buf) {
+    std::fclose(f);
+    return fail("Out of memory");
   }
   s->f = f;
   s->mode = mode;
@@ -163,6 +162,7 @@ bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::
   s->last_record = 0;
   s->past_end = false;
   s->write_failed = false;
+  s->pos = s->len = 0;
   return true;
 }
 
@@ -170,8 +170,10 @@ bool close_file(std::int64_t n) {
   FileSlot* s = any_slot(n);
   if (!s) return false;
   if (s->mode == kClosed) return true;
-  bool ok = !s->write_failed;
+  bool ok = s->mode == kInput || flush_output(*s);
+  ok = !s->write_failed && ok;
   if (std::fclose(s->f) != 0) ok = false;
+  std::free(s->buf);
   if (s->record) {
     detach_fields(s->record, s->record + s->reclen);
     std::free(s->record);
@@ -192,7 +194,7 @@ void close_all() {
 
 void flush_all() {
   for (int i = 1; i <= kMaxFiles; ++i)
-    if (slots[i].mode != kClosed && slots[i].mode != kInput) std::fflush(slots[i].f);
+    if (slots[i].mode != kClosed && slots[i].mode != kInput && flush_output(slots[i])) std::fflush(slots[i].f);
 }
 
 bool open_name(const std::string& name) {
@@ -209,24 +211,73 @@ bool in_record_buffer(const char* p) {
   return false;
 }
 
+bool flush_output(FileSlot& s) {
+  if (s.len == 0 || !s.buf) return true;
+  const bool ok = std::fwrite(s.buf, 1, s.len, s.f) == s.len;
+  s.len = 0;
+  if (!ok) s.write_failed = true;
+  return ok;
+}
+
+std::int64_t position(FileSlot& s) {
+  const std::int64_t at = host::tell_file(s.f);
+  if (s.mode == kInput) return at - static_cast<std::int64_t>(s.len - s.pos);
+  return at + (s.mode == kRandom ? 0 : s.len);
+}
+
+namespace {
+
+bool fill(FileSlot& s) {
+  if (s.pos < s.len) return true;
+  s.pos = 0;
+  s.len = static_cast<std::uint32_t>(std::fread(s.buf, 1, kBufferBytes, s.f));
+  return s.len > 0;
+}
+
+}  // namespace
+
+std::size_t read_bytes(FileSlot& s, char* out, std::size_t n) {
+  std::size_t done = 0;
+  const std::size_t have = std::min<std::size_t>(n, s.len - s.pos);
+  std::memcpy(out, s.buf + s.pos, have);
+  s.pos += static_cast<std::uint32_t>(have);
+  done = have;
+  if (done < n) done += std::fread(out + done, 1, n - done, s.f);
+  return done;
+}
+
+// Ctrl-Z is left unread: the file keeps ending there.
 int read_byte(FileSlot& s) {
-  const int c = std::getc(s.f);
-  if (c == 0x1A) {
-    std::ungetc(c, s.f);  // Ctrl-Z stays: the file keeps ending there
-    return -1;
-  }
-  return c == EOF ? -1 : c;
+  if (!fill(s) || s.buf[s.pos] == 0x1A) return -1;
+  return static_cast<unsigned char>(s.buf[s.pos++]);
 }
 
 int peek_byte(FileSlot& s) {
-  const int c = std::getc(s.f);
-  if (c == EOF) return -1;
-  std::ungetc(c, s.f);
-  return c == 0x1A ? -1 : c;
+  if (!fill(s) || s.buf[s.pos] == 0x1A) return -1;
+  return static_cast<unsigned char>(s.buf[s.pos]);
+}
+
+bool read_line(FileSlot& s, std::string* out) {
+  out->clear();
+  if (peek_byte(s) < 0) return false;
+  while (fill(s)) {
+    const char* p = s.buf + s.pos;
+    const char* e = s.buf + s.len;
+    const char* q = p;
+    while (q < e && *q != 13 && *q != 10 && *q != 0x1A) ++q;
+    out->append(p, static_cast<std::size_t>(q - p));
+    s.pos += static_cast<std::uint32_t>(q - p);
+    if (q == e) continue;
+    if (*q == 0x1A) break;
+    ++s.pos;
+    if (*q == 13 && peek_byte(s) == 10) ++s.pos;
+    break;
+  }
+  return true;
 }
 
 bool check_write(FileSlot& s) {
-  if (!std::ferror(s.f)) return true;
+  if (!s.write_failed && !std::ferror(s.f)) return true;
   s.write_failed = true;
   std::clearerr(s.f);
   return fail("Disk I/O error");

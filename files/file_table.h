@@ -13,6 +13,10 @@ namespace files {
 constexpr int kMaxFiles = 255;            // file numbers run 1..kMaxFiles
 constexpr std::uint32_t kDefaultRecord = 128;
 constexpr std::uint32_t kMaxRecord = 32767;
+// Sequential files keep their own buffer: the interpreter hands bytes over
+// one at a time, and a call into the C library per byte would cost more
+// than the disk.
+constexpr std::uint32_t kBufferBytes = 1 << 16;
 
 // The numbers FILEATTR(n,1) reports; also used as masks of allowed modes.
 enum Mode : std::uint8_t { kClosed = 0, kInput = 1, kOutput = 2, kRandom = 4, kAppend = 8 };
@@ -27,6 +31,9 @@ struct FileSlot {
   std::int64_t last_record = 0; // LOC of a random file: the last record read or written
   bool past_end = false;        // a GET read beyond the end of the file
   bool write_failed = false;
+  char* buf = nullptr;          // sequential files: kBufferBytes
+  std::uint32_t pos = 0;        // input: next unread byte in buf
+  std::uint32_t len = 0;        // input: bytes in buf; output: bytes waiting to be written
 };
 
 // The slot of an open file number, checked: "Bad file number" outside
@@ -51,6 +58,21 @@ void flush_all();
 bool open_name(const std::string& name);
 // Whether p lies in the record buffer of an open random file.
 bool in_record_buffer(const char* p);
+
+// Sequential output: one byte into the buffer (the column follows it).
+bool flush_output(FileSlot& s);
+inline void put_byte(FileSlot& s, std::uint8_t c) {
+  if (s.len == kBufferBytes) (void)flush_output(s);
+  s.buf[s.len++] = static_cast<char>(c);
+  s.column = c == 13 || c == 10 ? 0 : s.column + 1;
+}
+// The position the program sees (buffered bytes counted).
+std::int64_t position(FileSlot& s);
+// Up to n bytes of input, raw; returns how many there were.
+std::size_t read_bytes(FileSlot& s, char* out, std::size_t n);
+// LINE INPUT #: the bytes up to CR, LF or CR LF (consumed) or the end;
+// false when nothing at all is left.
+bool read_line(FileSlot& s, std::string* out);
 
 // Byte access for sequential input: the next byte or -1 at the end (a
 // Ctrl-Z byte ends a text file as the end does).
