@@ -6,6 +6,7 @@
 
 #include "core/errors.h"
 #include "core/exec.h"
+#include "core/input.h"
 #include "core/keywords.h"
 #include "core/program.h"
 #include "core/statements.h"
@@ -48,6 +49,8 @@ void init_interpreter() {
   values::clear_variables();
   values::rnd_reset();
   on_program_changed = program_changed;
+  install_data_hooks();
+  install_user_functions();
   clear_run_state();
 }
 

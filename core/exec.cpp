@@ -28,6 +28,7 @@ std::atomic<std::uint32_t> event_pending{0};
 void (*close_all_files)() = nullptr;
 void (*restore_data)() = nullptr;
 void (*flush_files)() = nullptr;
+bool (*offer_compiled_region)(const Token*& t) = nullptr;
 
 namespace {
 
@@ -370,7 +371,15 @@ void run_loop(const Token* t) {
       if (!next_line(t)) return;
       continue;
     }
-    if (exec.stepping) {
+    if (offer_compiled_region && !exec.stepping && offer_compiled_region(t)) {
+      values::statement_boundary();
+      if (exec.jumped) {
+        exec.jumped = false;
+        (void)set_position(exec.next_line, exec.next_token, t);
+      }
+      continue;
+    }
+    if (exec.stepping && exec.line != kDirect) {
       if (!exec.step_armed) {
         record_pause(4, exec.line, token_index(t));
         char buf[64];
@@ -450,8 +459,10 @@ void clear_run_state() {
   reset_stacks();
   on_error_line = on_break_line = 0;
   for (Timer& tm : timers) tm = Timer{};
+  for (std::int64_t& ms : values::timer_interval_ms) ms = 0;
   mouse_move_line = mouse_click_line = mouse_double_line = 0;
   if (restore_data) restore_data();
+  if (forget_user_functions) forget_user_functions();
 }
 
 void program_changed() {
@@ -480,6 +491,12 @@ void run_program(std::uint32_t start_index) {
   if (start_index >= program.lines) return;
   exec.running = true;
   request_jump(start_index, 0);
+}
+
+void break_at_statement() {
+  exec.stop_request = true;
+  if (host::stop_requested()) return;  // the window is closing: no message
+  (void)handle_break(exec.stmt ? exec.stmt : exec.base);
 }
 
 // --- statements -----------------------------------------------------------

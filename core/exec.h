@@ -58,6 +58,10 @@ void skip_to_line_end(const Token*& t);
 // Token index of t within the current array.
 std::uint32_t token_index(const Token* t);
 
+// Esc while a statement waits for input: the program pauses with "Break" at
+// that statement (CONT runs it again).
+void break_at_statement();
+
 // Statement handlers that live in the executor.
 void stmt_goto(const Token*& t);
 void stmt_gosub(const Token*& t);
@@ -88,5 +92,12 @@ extern void (*restore_data)();
 // Files push their buffered bytes to the system when a direct command (and
 // so any run) ends.
 extern void (*flush_files)();
+
+// Compiled execution: offered the statement at t before it is interpreted
+// (not while single-stepping). It returns true when it ran one or more
+// statements; it then leaves t on the next statement to interpret in the
+// same token array, or requests a jump the way GOTO does. Null until the
+// compiler is installed.
+extern bool (*offer_compiled_region)(const Token*& t);
 
 }  // namespace core

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "core/token.h"
+#include "values/builtins.h"
 #include "values/eval.h"
 
 namespace core {
@@ -19,11 +20,16 @@ bool field_value(const char* p, std::uint32_t n, std::uint8_t type, values::Valu
 // `quoted` tells whether the field had quotes.
 void next_field(const char*& p, const char* e, const char** start, std::uint32_t* len, bool* quoted);
 
-// INPUT #, LINE INPUT # and INPUT$(n, #f) belong to the files subsystem:
-// the console statements hand over when "#" follows INPUT (t on INPUT) or
-// LINE INPUT (t on LINE); INPUT$ with a file number calls input_chars_hook.
-extern void (*input_file_hook)(const Token*& t);
-extern void (*line_input_file_hook)(const Token*& t);
-extern bool (*input_chars_hook)(std::int64_t file_number, std::int64_t count, values::Value* out);
+// Hooks the file subsystem fills: INPUT #, LINE INPUT #, INPUT$(n,#f); and
+// the graphics LINE statement, which shares its keyword with LINE INPUT.
+extern void (*input_from_file)(const Token*& t);
+extern void (*line_input_from_file)(const Token*& t);
+extern bool (*file_input_chars)(std::int64_t file, std::int64_t count, values::Value* out);
+extern void (*line_graphics)(const Token*& t);
+
+// INPUT$ and its friends for the evaluator's function tables.
+const values::BuiltinGroup& input_builtins();
+// CLEAR and RUN put the DATA pointer back to the first item.
+void install_data_hooks();
 
 }  // namespace core

@@ -2,6 +2,7 @@
 #include "core/print.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -32,7 +33,8 @@ bool is_print_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' 
 void next_zone(OutSink& out) {
   const std::uint32_t col = out.column(out.ctx);
   const std::uint32_t next = (col / kZoneWidth + 1) * kZoneWidth;
-  if (out.width && next >= out.width) {
+  // Only whole zones count: from the last one a comma goes to the next line.
+  if (out.width && next + kZoneWidth > out.width) {
     sink_newline(out);
     return;
   }
@@ -359,6 +361,24 @@ void print_using(const char* f, std::uint32_t n, const Token*& t, OutSink& out) 
   bool any_field = false;
   std::uint32_t i = 0;
   bool more = !is_print_end(t);
+  // A format without any field cannot take an item: refuse before printing.
+  bool has_field = false;
+  for (std::uint32_t k = 0; k < n && !has_field; ++k) {
+    if (f[k] == '_') {
+      ++k;
+      continue;
+    }
+    has_field = f[k] == '!' || f[k] == '&' || is_num_start(f, k, n) ||
+                (f[k] == '\\' && [&] {
+                  std::uint32_t j = k + 1;
+                  while (j < n && f[j] == ' ') ++j;
+                  return j < n && f[j] == '\\';
+                }());
+  }
+  if (more && !has_field) {
+    raise("Illegal function call");
+    return;
+  }
   bool trailing_sep = false;
   // Literal text up to the next field is printed; each field takes one item;
   // the format starts over when items remain at its end.
@@ -416,6 +436,13 @@ void print_using(const char* f, std::uint32_t n, const Token*& t, OutSink& out) 
         return;
       }
       if (!values::value_to_double(v, &d)) return;
+      if (v.type == values::kSingle && d - d == 0) {
+        // A SINGLE has 7 significant digits; digits beyond them would show
+        // the binary value's noise in wide fields.
+        char seven[32];
+        std::snprintf(seven, sizeof seven, "%.7g", d);
+        d = std::strtod(seven, nullptr);
+      }
       const NumField nf = parse_num_field(f, i, n);
       const std::string s = format_number(nf, d);
       put_bytes(out, s.data(), static_cast<std::uint32_t>(s.size()));

@@ -14,7 +14,7 @@ namespace core {
 
 namespace {
 
-void not_a_statement(const Token*&) { raise("Syntax error"); }
+void not_a_statement(const Token*&) { raise("Syntax Error"); }
 
 // REM's remark made no tokens: the terminator follows.
 void stmt_rem(const Token*& t) { ++t; }
@@ -22,9 +22,17 @@ void stmt_rem(const Token*& t) { ++t; }
 constexpr HandlerTable make_table() {
   HandlerTable table{};
   for (Handler& h : table) h = not_a_statement;
-  files::install_file_statements(table);  // first: the console rows below replace its INPUT and LINE stand-ins
+  files::install_file_statements(table);
   table[KW_PRINT] = stmt_print;
   table[KW_WRITE] = stmt_write;
+  table[KW_INPUT] = stmt_input;
+  table[KW_LINE] = stmt_line;
+  table[KW_DATA] = stmt_data;
+  table[KW_DEF] = stmt_def;
+  table[KW_LSET] = stmt_lset;
+  table[KW_RSET] = stmt_rset;
+  table[KW_READ] = stmt_read;
+  table[KW_RESTORE] = stmt_restore;
   table[KW_LET] = stmt_let;
   table[KW_REM] = stmt_rem;
   table[KW_GOTO] = stmt_goto;
@@ -114,6 +122,7 @@ void run_statement(const Token*& t) {
     Handler named = t[1].kind != '=' && t[1].kind != '(' ? find_named(name) : nullptr;
     if (named) named(t);
     else if (t[1].kind == '(' && !std::strcmp(name, "TIMER")) stmt_timer(t);
+    else if (t[1].kind == '(' && !std::strcmp(name, "MID$")) stmt_mid(t);
     else stmt_let(t);
   } else if (t->kind == ':' ) {
     return;  // an empty statement

@@ -46,7 +46,20 @@ void stmt_delete(const Token*& t);
 void stmt_auto(const Token*& t);
 void stmt_edit(const Token*& t);
 
+void stmt_input(const Token*& t);
+void stmt_line(const Token*& t);
+void stmt_data(const Token*& t);
+void stmt_read(const Token*& t);
+void stmt_restore(const Token*& t);
+void stmt_def(const Token*& t);
+void stmt_mid(const Token*& t);
+void stmt_lset(const Token*& t);
+void stmt_rset(const Token*& t);
 void stmt_dim(const Token*& t);
+
+// DEF FN's table: installed at start, forgotten by CLEAR and RUN.
+void install_user_functions();
+extern void (*forget_user_functions)();
 void stmt_redim(const Token*& t);
 void stmt_erase(const Token*& t);
 void stmt_option(const Token*& t);

@@ -342,3 +342,87 @@ void stmt_setvar(const Token*& t) {
 }
 
 }  // namespace core
+
+namespace core {
+
+namespace {
+
+// The string slot of a plain string variable or element (no components).
+bool string_target(const Token*& t, values::StringDesc** desc) {
+  values::LValue lv;
+  if (!values::parse_lvalue(t, &lv)) return false;
+  if (lv.type != values::kString || lv.component >= 0) {
+    raise("Type mismatch");
+    return false;
+  }
+  *desc = static_cast<values::StringDesc*>(lv.slot);
+  return true;
+}
+
+bool string_value(const Token*& t, values::Value* v) {
+  if (!values::eval(t, v)) return false;
+  if (v->type != values::kString) {
+    raise("Type mismatch");
+    return false;
+  }
+  return true;
+}
+
+// LSET/RSET write into the variable's own bytes: its length never changes
+// (which is what FIELD buffers rely on).
+void justify(const Token*& t, bool left) {
+  ++t;
+  values::StringDesc* d;
+  if (!string_target(t, &d) || !values::expect(t, '=', "Syntax error")) return;
+  values::Value v;
+  if (!string_value(t, &v)) return;
+  if (d->length == 0) return;
+  const std::uint32_t n = v.s.len < d->length ? v.s.len : d->length;
+  char tmp[65536];
+  char* buf = d->length <= sizeof tmp ? tmp : nullptr;
+  if (!buf) {
+    // Long strings: move in place (the source may overlap the target).
+    if (left) {
+      std::memmove(d->ptr, v.s.ptr, n);
+      std::memset(d->ptr + n, ' ', d->length - n);
+    } else {
+      std::memmove(d->ptr + d->length - n, v.s.ptr, n);
+      std::memset(d->ptr, ' ', d->length - n);
+    }
+    return;
+  }
+  std::memset(buf, ' ', d->length);
+  std::memcpy(left ? buf : buf + d->length - n, v.s.ptr, n);
+  std::memcpy(d->ptr, buf, d->length);
+}
+
+}  // namespace
+
+void stmt_lset(const Token*& t) { justify(t, true); }
+void stmt_rset(const Token*& t) { justify(t, false); }
+
+// MID$(a$, start[, len]) = b$: overwrite bytes of a$ in place, never past its end.
+void stmt_mid(const Token*& t) {
+  t += 2;  // MID$ (
+  values::StringDesc* d;
+  if (!string_target(t, &d) || !values::expect(t, ',', "Expected ,")) return;
+  std::int64_t start, len = INT64_MAX;
+  if (!values::eval_int64(t, &start)) return;
+  if (t->kind == ',') {
+    ++t;
+    if (!values::eval_int64(t, &len)) return;
+  }
+  if (!values::expect(t, ')', "Expected )") || !values::expect(t, '=', "Syntax error")) return;
+  values::Value v;
+  if (!string_value(t, &v)) return;
+  if (start < 1 || len < 0 || static_cast<std::uint64_t>(start) > d->length) {
+    raise("Illegal function call");
+    return;
+  }
+  std::uint64_t n = d->length - static_cast<std::uint64_t>(start) + 1;
+  if (static_cast<std::uint64_t>(len) < n) n = static_cast<std::uint64_t>(len);
+  if (v.s.len < n) n = v.s.len;
+  std::memmove(d->ptr + start - 1, v.s.ptr, n);
+}
+
+}  // namespace core

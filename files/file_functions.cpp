@@ -1,4 +1,4 @@
-// EOF, LOC, LOF, FILEATTR, INPUT$, DRIVETYPE, DRIVEPATH$ and FILECRC.
+// EOF, LOC, LOF, FILEATTR, DRIVETYPE, DRIVEPATH$ and FILECRC; the file side of INPUT$.
 #include "files/file_functions.h"
 
 #include <string>
@@ -7,7 +7,6 @@
 #include "core/program.h"
 #include "files/file_table.h"
 #include "host/platform.h"
-#include "screen/keyqueue.h"
 #include "screen/snapshot.h"
 #include "values/eval.h"
 
@@ -78,26 +77,6 @@ bool f_fileattr(const Token*& t, Value* out) {
   return true;
 }
 
-// INPUT$(n) reads n keys; INPUT$(n, [#]f) n bytes of a file.
-bool f_input_chars(const Token*& t, Value* out) {
-  if (!values::expect(t, '(', "Expected (")) return false;
-  std::int64_t n;
-  if (!values::eval_int64(t, &n)) return false;
-  if (t->kind == ',') {
-    ++t;
-    std::int64_t f;
-    if (!parse_file_number(t, &f) || !values::expect(t, ')', "Expected )")) return false;
-    return input_chars(f, n, out);
-  }
-  if (!values::expect(t, ')', "Expected )")) return false;
-  if (n < 0 || n > 32767) return fail("Illegal function call");
-  std::string text;
-  screen::KeyEntry e;
-  while (static_cast<std::int64_t>(text.size()) < n && screen::keys.wait(&e))
-    if (e.ch && e.ch < 256) text.push_back(static_cast<char>(e.ch));
-  return values::make_string(text.data(), text.size(), out);
-}
-
 bool string_arg(const Token*& t, std::string* out) {
   Value a;
   if (!values::parse_args(t, &a, 1, 1) || !values::arg_string(a)) return false;
@@ -144,7 +123,7 @@ bool f_filecrc(const Token*& t, Value* out) {
 
 const values::Builtin kRows[] = {
     {"EOF", f_eof},           {"LOC", f_loc},           {"LOF", f_lof},
-    {"FILEATTR", f_fileattr}, {"INPUT$", f_input_chars}, {"DRIVETYPE", f_drivetype},
+    {"FILEATTR", f_fileattr}, {"DRIVETYPE", f_drivetype},
     {"DRIVEPATH$", f_drivepath}, {"FILECRC", f_filecrc},
 };
 

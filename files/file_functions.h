@@ -1,5 +1,5 @@
 // The files subsystem's built-in functions: EOF, LOC, LOF, FILEATTR,
-// INPUT$, DRIVETYPE, DRIVEPATH$, FILECRC.
+// DRIVETYPE, DRIVEPATH$, FILECRC; and the file side of core's INPUT$.
 #pragma once
 #include <cstdint>
 

@@ -129,41 +129,6 @@ FileSlot* random_target(const Token*& t, std::int64_t* rec) {
   return s;
 }
 
-// LSET and RSET: the new text is cut or padded with blanks to the variable's
-// present length. A FIELD variable is written in place, in the record buffer.
-void set_justified(const Token*& t, bool right) {
-  ++t;
-  values::LValue lv;
-  if (!values::parse_lvalue(t, &lv)) return;
-  if (lv.type != values::kString || lv.component >= 0) {
-    core::raise("Type mismatch");
-    return;
-  }
-  if (!values::expect(t, '=', "Syntax error")) return;
-  values::Value v;
-  if (!values::eval(t, &v)) return;
-  if (v.type != values::kString) {
-    core::raise("Type mismatch");
-    return;
-  }
-  values::StringDesc d;
-  std::memcpy(&d, lv.slot, sizeof d);
-  if (d.length == 0) return;
-  const std::uint32_t n = v.s.len < d.length ? v.s.len : d.length;
-  const std::uint32_t pad = d.length - n;
-  if (in_record_buffer(d.ptr)) {
-    // memmove: the source may be this very field.
-    std::memmove(d.ptr + (right ? pad : 0), v.s.ptr, n);
-    std::memset(d.ptr + (right ? 0 : n), ' ', pad);
-    return;
-  }
-  std::string text(d.length, ' ');
-  std::memcpy(&text[right ? pad : 0], v.s.ptr, n);
-  values::Value r;
-  if (!values::make_string(text.data(), text.size(), &r)) return;
-  (void)values::assign(lv, r);
-}
-
 }  // namespace
 
 // OPEN f$ [FOR mode] AS [#]n [LEN = r]   (no FOR: RANDOM)
@@ -249,7 +214,6 @@ void write_to_file(const Token*& t) {
 
 // INPUT #n, v[, v...]
 void input_from_file(const Token*& t) {
-  ++t;  // INPUT
   std::int64_t n;
   if (!parse_file_number(t, &n)) return;
   FileSlot* s = open_slot(n, kInput);
@@ -274,7 +238,6 @@ void input_from_file(const Token*& t) {
 
 // LINE INPUT #n, v$: the rest of the line, without its CR, LF or CR LF.
 void line_input_from_file(const Token*& t) {
-  t += 2;  // LINE INPUT
   std::int64_t n;
   if (!parse_file_number(t, &n)) return;
   FileSlot* s = open_slot(n, kInput);
@@ -292,16 +255,6 @@ void line_input_from_file(const Token*& t) {
   }
   values::Value v = values::Value::string(text.data(), static_cast<std::uint32_t>(text.size()));
   (void)values::assign(lv, v);
-}
-
-void stmt_input_stand_in(const Token*& t) {
-  if (t[1].kind == '#') input_from_file(t);
-  else core::raise("Syntax error");
-}
-
-void stmt_line_stand_in(const Token*& t) {
-  if (t[1].kind == core::KW_INPUT && t[2].kind == '#') line_input_from_file(t);
-  else core::raise("Syntax error");
 }
 
 // FIELD [#]n, w AS v$[, w AS v$...]: the variables become windows on the
@@ -377,9 +330,6 @@ void stmt_put(const Token*& t) {
   s->last_record = rec;
 }
 
-void stmt_lset(const Token*& t) { set_justified(t, false); }
-void stmt_rset(const Token*& t) { set_justified(t, true); }
-
 extern bool keep_files_once;
 
 namespace {
@@ -402,9 +352,9 @@ void install_hooks() {
   core::flush_files = flush_all;
   core::print_file_hook = print_to_file;
   core::write_file_hook = write_to_file;
-  core::input_file_hook = input_from_file;
-  core::line_input_file_hook = line_input_from_file;
-  core::input_chars_hook = input_chars;
+  core::input_from_file = input_from_file;
+  core::line_input_from_file = line_input_from_file;
+  core::file_input_chars = input_chars;
 }
 
 }  // namespace files

@@ -14,17 +14,13 @@ void stmt_close(const Token*& t);
 void stmt_field(const Token*& t);
 void stmt_get(const Token*& t);
 void stmt_put(const Token*& t);
-void stmt_lset(const Token*& t);
-void stmt_rset(const Token*& t);
-// The "#" forms the console statements hand over (t on PRINT, WRITE, INPUT, LINE).
+// The "#" forms the console statements hand over: PRINT # and WRITE # with
+// t on PRINT or WRITE, INPUT # and LINE INPUT # with t on the "#". LSET and
+// RSET are core's: they write a FIELD variable's bytes in place.
 void print_to_file(const Token*& t);
 void write_to_file(const Token*& t);
 void input_from_file(const Token*& t);
 void line_input_from_file(const Token*& t);
-// Stand-ins for INPUT and LINE while the console versions are not in the
-// table: they run the "#" forms and refuse the rest.
-void stmt_input_stand_in(const Token*& t);
-void stmt_line_stand_in(const Token*& t);
 
 // Directories and whole files (dir_statements.cpp).
 void stmt_kill(const Token*& t);
@@ -49,18 +45,12 @@ void stmt_sessionlock(const Token*& t);
 // Connects the hooks of the executor and the console statements.
 void install_hooks();
 
-// INPUT and LINE get stand-ins here; statements.cpp installs this before its
-// own rows so that the console INPUT and LINE, once written, take over.
 constexpr void install_file_statements(core::HandlerTable& table) {
-  table[core::KW_INPUT] = stmt_input_stand_in;
-  table[core::KW_LINE] = stmt_line_stand_in;
   table[core::KW_OPEN] = stmt_open;
   table[core::KW_CLOSE] = stmt_close;
   table[core::KW_FIELD] = stmt_field;
   table[core::KW_GET] = stmt_get;
   table[core::KW_PUT] = stmt_put;
-  table[core::KW_LSET] = stmt_lset;
-  table[core::KW_RSET] = stmt_rset;
   table[core::KW_KILL] = stmt_kill;
   table[core::KW_NAME] = stmt_name;
   table[core::KW_FILES] = stmt_files;

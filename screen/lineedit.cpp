@@ -139,7 +139,9 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
       con.row = static_cast<std::uint32_t>(row);
       con.col = col;
       if (!(flags & kEditKeepCursor)) {
-        con.echo_suppressed = true;
+        // The typed text is input, not output: a headless transcript shows
+        // only the line break that ends a prompt, not one for a bare line.
+        con.echo_suppressed = f.start_col == f.region.left && !(flags & kEditFromLineStart);
         put_char(13);
         con.echo_suppressed = false;
       }

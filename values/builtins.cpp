@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "core/errors.h"
+#include "core/input.h"
 #include "core/numscan.h"
 #include "core/tokenizer.h"
 #include "files/file_functions.h"
@@ -664,6 +665,28 @@ bool f_eval(const Token*& t, Value* out) {
   return true;
 }
 
+// UBOUND(array[, dimension]) and LBOUND: the argument is an array's name.
+// A dimension outside 1..the array's count is "Subscript out of range".
+bool bound(const Token*& t, Value* out, bool upper) {
+  if (!expect(t, '(', "Expected (")) return false;
+  if (t->kind != core::kTokIdent) return fail("Expected array");
+  const Token* name = t++;
+  if (t->kind == '(' && t[1].kind == ')') t += 2;
+  std::int64_t dim = 1;
+  if (t->kind == ',') {
+    ++t;
+    if (!eval_int64(t, &dim)) return false;
+  }
+  if (!expect(t, ')', "Expected )")) return false;
+  const Descriptor* d = find_descriptor(name->name(), true, type_of_name(name->name()));
+  if (!d || !d->array_block()) return fail("Array not dimensioned");
+  if (dim < 1 || dim > array_dims(d)) return fail("Subscript out of range");
+  *out = Value::integer(upper ? array_upper(d, static_cast<int>(dim)) : option_base, kInt64);
+  return true;
+}
+bool f_ubound(const Token*& t, Value* o) { return bound(t, o, true); }
+bool f_lbound(const Token*& t, Value* o) { return bound(t, o, false); }
+
 bool f_getvar(const Token*& t, Value* out) {
   if (!expect(t, '(', "Expected (")) return false;
   Value name;
@@ -699,12 +722,12 @@ const Builtin kBuiltins[] = {
     {"COSH", f_cosh}, {"CPLX", f_cplx}, {"CRC32", f_crc32}, {"CSNG", f_csng}, {"CVD", f_cvd}, {"CVI", f_cvi},
     {"CVS", f_cvs}, {"ENVIRON$", f_environ}, {"EVAL", f_eval}, {"EXP", f_exp}, {"FIX", f_fix}, {"FRE", f_fre},
     {"GETVAR", f_getvar}, {"HEX$", f_hex}, {"IIF", f_iif}, {"INSTR", f_instr}, {"INT", f_int}, {"INV", f_inv},
-    {"LCASE$", f_lcase}, {"LEFT$", f_left}, {"LEN", f_len}, {"LOG", f_log}, {"MID$", f_mid}, {"MKD$", f_mkd},
+    {"LBOUND", f_lbound}, {"LCASE$", f_lcase}, {"LEFT$", f_left}, {"LEN", f_len}, {"LOG", f_log}, {"MID$", f_mid}, {"MKD$", f_mkd},
     {"MKI$", f_mki}, {"MKS$", f_mks}, {"NORM", f_norm}, {"NORM2", f_norm2}, {"OCT", f_oct}, {"OCT$", f_oct_text},
     {"PEEK", f_peek}, {"PEEK16", f_peek16}, {"PEEK32", f_peek32}, {"PEEK64", f_peek64}, {"POS", f_pos},
     {"QUAT", f_quat}, {"RIGHT$", f_right}, {"RND", f_rnd}, {"SGN", f_sgn}, {"SIN", f_sin}, {"SINH", f_sinh},
     {"SPACE$", f_space}, {"SPC", f_tab_spc}, {"SQR", f_sqr}, {"SQRT", f_sqr}, {"STR$", f_str},
-    {"STRING$", f_string}, {"TAB", f_tab_spc}, {"TAN", f_tan}, {"TANH", f_tanh}, {"UCASE$", f_ucase},
+    {"STRING$", f_string}, {"TAB", f_tab_spc}, {"TAN", f_tan}, {"TANH", f_tanh}, {"UBOUND", f_ubound}, {"UCASE$", f_ucase},
     {"VAL", f_val}, {"VARPTR", f_varptr},
 };
 
@@ -730,6 +753,7 @@ unsigned parallel_threads() {
 
 const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
+    core::input_builtins(),
     files::file_builtins(),
 };
 

@@ -3,6 +3,8 @@
 //   1 IMP  2 EQV  3 XOR  4 OR  5 AND  6 NOT (prefix)  7 = <> < <= > >=
 //   8 + -  9 MOD  10 \  11 * /  12 prefix -  13 ^  14 primaries (. component)
 //
+// Every binary level is left-associative.
+//
 // Identifiers are resolved once per token and the answer is kept in the
 // token's evaluator cache: slot 0 holds {what, index}, slot 1 a descriptor
 // pointer with the variable-table generation it was found under.
@@ -33,6 +35,7 @@ bool fail(const char* m) {
 }
 
 bool level_imp(const Token*& t, Value* v);
+bool level_imp_from(const Token*& t, Value* v, int min_level);
 
 std::uint32_t resolve(const Token* tok) {
   auto* w = const_cast<Token*>(tok);
@@ -54,12 +57,12 @@ std::uint32_t resolve(const Token* tok) {
 }
 
 // The descriptor of a token's variable, through the token's cache.
+// Slot 2 keeps the type generation the entry was found under: a DEFxxx in
+// between may give the same name another type.
 Descriptor* lookup(const Token* tok, bool array, bool create) {
   auto* w = const_cast<Token*>(tok);
-  if (w->cache[1].a && w->cache[1].b == table_generation()) {
-    auto* d = reinterpret_cast<Descriptor*>(w->cache[1].a);
-    if (d->type == type_of_name(tok->name())) return d;
-  }
+  if (w->cache[1].a && w->cache[1].b == table_generation() && w->cache[2].a == type_generation())
+    return reinterpret_cast<Descriptor*>(w->cache[1].a);
   const std::uint8_t type = type_of_name(tok->name());
   Descriptor* d = find_descriptor(tok->name(), array, type);
   if (!d && create) {
@@ -69,7 +72,10 @@ Descriptor* lookup(const Token* tok, bool array, bool create) {
     }
     d = create_descriptor(tok->name(), array);
   }
-  if (d) w->cache[1] = {reinterpret_cast<std::uint64_t>(d), table_generation()};
+  if (d) {
+    w->cache[1] = {reinterpret_cast<std::uint64_t>(d), table_generation()};
+    w->cache[2] = {type_generation(), 0};
+  }
   return d;
 }
 
@@ -168,124 +174,71 @@ bool pow_operand(const Token*& t, Value* v) {
   return primary(t, v);
 }
 
-bool level_pow(const Token*& t, Value* v) {
-  if (!primary(t, v)) return false;
-  while (t->kind == '^') {
-    ++t;
-    Value r;
-    if (!pow_operand(t, &r) || !binary_op(Op::Pow, *v, r, v)) return false;
-  }
-  return true;
-}
-
-bool level_neg(const Token*& t, Value* v) {
-  if (t->kind == '-') {
-    ++t;
-    Value x;
-    return level_neg(t, &x) && negate(x, v);
-  }
-  if (t->kind == '+') {
-    ++t;
-    return level_neg(t, v);
-  }
-  return level_pow(t, v);
-}
-
-bool level_mul(const Token*& t, Value* v) {
-  if (!level_neg(t, v)) return false;
-  while (t->kind == '*' || t->kind == '/') {
-    const Op op = t->kind == '*' ? Op::Mul : Op::Div;
-    ++t;
-    Value r;
-    if (!level_neg(t, &r) || !binary_op(op, *v, r, v)) return false;
-  }
-  return true;
-}
-
-bool level_idiv(const Token*& t, Value* v) {
-  if (!level_mul(t, v)) return false;
-  while (t->kind == '\\') {
-    ++t;
-    Value r;
-    if (!level_mul(t, &r) || !binary_op(Op::IntDiv, *v, r, v)) return false;
-  }
-  return true;
-}
-
-bool level_mod(const Token*& t, Value* v) {
-  if (!level_idiv(t, v)) return false;
-  while (t->kind == core::KW_MOD) {
-    ++t;
-    Value r;
-    if (!level_idiv(t, &r) || !binary_op(Op::Mod, *v, r, v)) return false;
-  }
-  return true;
-}
-
-bool level_add(const Token*& t, Value* v) {
-  if (!level_mod(t, v)) return false;
-  while (t->kind == '+' || t->kind == '-') {
-    const Op op = t->kind == '+' ? Op::Add : Op::Sub;
-    ++t;
-    Value r;
-    if (!level_mod(t, &r) || !binary_op(op, *v, r, v)) return false;
-  }
-  return true;
-}
-
-// Only "<=", "<>" and ">=" are two-character operators; "=<" is "=" then "<".
-bool relational(const Token*& t, Op* op) {
+// Binary operators by token: their level (higher binds tighter) and operation.
+// Relational operators are one or two tokens; *width says how many.
+int binary_level(const Token* t, Op* op, int* width) {
+  *width = 1;
   switch (t->kind) {
-    case '=': *op = Op::Eq; ++t; return true;
+    case core::KW_IMP: *op = Op::Imp; return 1;
+    case core::KW_EQV: *op = Op::Eqv; return 2;
+    case core::KW_XOR: *op = Op::Xor; return 3;
+    case core::KW_OR: *op = Op::Or; return 4;
+    case core::KW_AND: *op = Op::And; return 5;
+    case '=': *op = Op::Eq; return 7;
     case '<':
-      if (t[1].kind == '=') { *op = Op::Le; t += 2; return true; }
-      if (t[1].kind == '>') { *op = Op::Ne; t += 2; return true; }
-      *op = Op::Lt; ++t; return true;
+      // Only "<=", "<>" and ">=" are two-character operators; "=<" is "=" then "<".
+      if (t[1].kind == '=') { *op = Op::Le; *width = 2; }
+      else if (t[1].kind == '>') { *op = Op::Ne; *width = 2; }
+      else *op = Op::Lt;
+      return 7;
     case '>':
-      if (t[1].kind == '=') { *op = Op::Ge; t += 2; return true; }
-      *op = Op::Gt; ++t; return true;
-    default:
-      return false;
+      if (t[1].kind == '=') { *op = Op::Ge; *width = 2; }
+      else *op = Op::Gt;
+      return 7;
+    case '+': *op = Op::Add; return 8;
+    case '-': *op = Op::Sub; return 8;
+    case core::KW_MOD: *op = Op::Mod; return 9;
+    case '\\': *op = Op::IntDiv; return 10;
+    case '*': *op = Op::Mul; return 11;
+    case '/': *op = Op::Div; return 11;
+    case '^': *op = Op::Pow; return 13;
+    default: return 0;
   }
 }
 
-bool level_rel(const Token*& t, Value* v) {
-  if (!level_add(t, v)) return false;
-  Op op;
-  while (relational(t, &op)) {
-    Value r;
-    if (!level_add(t, &r) || !binary_op(op, *v, r, v)) return false;
-  }
-  return true;
-}
-
-bool level_not(const Token*& t, Value* v) {
+// Precedence climbing over the levels above: one loop instead of a call per
+// level for every operand. NOT (level 6) takes a relational expression;
+// prefix minus (level 12) takes a power expression, so -2^2 is -4.
+bool level_imp_from(const Token*& t, Value* v, int min_level) {
   if (t->kind == core::KW_NOT) {
     ++t;
     Value x;
-    return level_not(t, &x) && logical_not(x, v);
-  }
-  return level_rel(t, v);
-}
-
-template <std::uint8_t Kw, Op O, bool (*Next)(const Token*&, Value*)>
-bool logic_level(const Token*& t, Value* v) {
-  if (!Next(t, v)) return false;
-  while (t->kind == Kw) {
+    if (!level_imp_from(t, &x, 7) || !logical_not(x, v)) return false;
+  } else if (t->kind == '-') {
     ++t;
-    Value r;
-    if (!Next(t, &r) || !binary_op(O, *v, r, v)) return false;
+    Value x;
+    if (!level_imp_from(t, &x, 13) || !negate(x, v)) return false;
+  } else if (t->kind == '+') {
+    ++t;
+    if (!level_imp_from(t, v, 13)) return false;
+  } else if (!primary(t, v)) {
+    return false;
   }
-  return true;
+  for (;;) {
+    Op op;
+    int width;
+    const int level = binary_level(t, &op, &width);
+    if (level == 0 || level < min_level) return true;
+    t += width;
+    Value r;
+    // "^" takes a signed primary on its right and stays left-associative;
+    // the others take the next level up.
+    if (!(level == 13 ? pow_operand(t, &r) : level_imp_from(t, &r, level + 1))) return false;
+    if (!binary_op(op, *v, r, v)) return false;
+  }
 }
 
-bool level_imp(const Token*& t, Value* v) {
-  constexpr auto and_ = logic_level<core::KW_AND, Op::And, level_not>;
-  constexpr auto or_ = logic_level<core::KW_OR, Op::Or, and_>;
-  constexpr auto xor_ = logic_level<core::KW_XOR, Op::Xor, or_>;
-  constexpr auto eqv_ = logic_level<core::KW_EQV, Op::Eqv, xor_>;
-  return logic_level<core::KW_IMP, Op::Imp, eqv_>(t, v);
-}
+bool level_imp(const Token*& t, Value* v) { return level_imp_from(t, v, 1); }
 
 }  // namespace
 
@@ -358,7 +311,9 @@ bool parse_lvalue(const Token*& t, LValue* out) {
   if (t->kind != core::kTokIdent) return fail("Expected variable");
   const Token* tok = t++;
   *out = LValue{};
-  if (find_pseudo(tok->name()) >= 0 || is_read_only_name(tok->name())) return fail("Read-only or runtime name");
+  // The token remembers what its name is, so the pseudo-variable check costs
+  // one comparison after the first time.
+  if (resolve(tok) == kPseudo) return fail("Read-only or runtime name");
   if (t->kind == '(') {
     std::int64_t subs[kMaxDimensions + 1];
     int n;

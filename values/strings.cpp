@@ -131,7 +131,10 @@ char* adopt_temporary(const char* p, std::uint32_t n) {
 }
 
 void clear_temporaries() {
-  for (Temp& t : temps) t = {nullptr, 0};
+  // Most statements make no string at all: nothing to forget then.
+  if (temp_counter == 0) return;
+  const std::uint64_t used = temp_counter < kTemporaries ? temp_counter : kTemporaries;
+  for (std::uint64_t i = 0; i < used; ++i) temps[i] = {nullptr, 0};
   temp_counter = 0;
 }
 

@@ -7,6 +7,7 @@
 #include "core/errors.h"
 #include "host/platform.h"
 #include "values/arena.h"
+#include "values/arrays.h"
 #include "values/memory.h"
 #include "values/store.h"
 #include "values/strings.h"
@@ -281,6 +282,28 @@ TEST_F(Values, CompactionSlidesLiveStringsUpAndKeepsAliasesTogether) {
   EXPECT_EQ(nb.ptr, nc.ptr) << "aliases still share one copy";
   EXPECT_EQ(arena.himem - arena.freetop, 5 + 13) << "the alias group is moved once, at its longest length";
   EXPECT_FALSE(compaction_requested());
+}
+
+TEST_F(Values, CompactionMovesStringArrayElements) {
+  const std::int64_t upper[2] = {2, 1};
+  Descriptor* arr = array_create("S$", upper, 2, false);
+  ASSERT_NE(arr, nullptr);
+  Descriptor* x = scalar_descriptor("X$");
+  for (std::int64_t i = 0; i <= 2; ++i) {
+    const std::int64_t sub[2] = {i, 1};
+    ASSERT_TRUE(store_value(array_element(arr, sub, 2), kString, temp("element" + std::to_string(i))));
+    string_temp(500);  // garbage between them
+  }
+  ASSERT_TRUE(store_value(x->value, kString, temp("scalar")));
+  compact_strings();
+  for (std::int64_t i = 0; i <= 2; ++i) {
+    const std::int64_t sub[2] = {i, 1};
+    StringDesc d;
+    std::memcpy(&d, array_element(arr, sub, 2), sizeof d);
+    EXPECT_EQ(std::string(d.ptr, d.length), "element" + std::to_string(i));
+  }
+  EXPECT_EQ(str(x), "scalar");
+  EXPECT_EQ(arena.himem - arena.freetop, 3 * 8 + 6) << "only live bytes remain";
 }
 
 TEST_F(Values, InPlaceCompactionWhenNoScratchMemory) {
