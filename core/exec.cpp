@@ -28,6 +28,7 @@ Exec exec;
 std::atomic<std::uint32_t> event_pending{0};
 void (*close_all_files)() = nullptr;
 void (*restore_data)() = nullptr;
+void (*flush_files)() = nullptr;
 bool (*offer_compiled_region)(const Token*& t) = nullptr;
 
 namespace {
@@ -478,6 +479,7 @@ void execute_direct_tokens(const Token* tokens) {
   exec.jumped = false;
   program_running = false;
   run_loop(tokens);
+  if (flush_files) flush_files();
   exec.line = kDirect;
   program_running = false;
   exec.running = false;

@@ -89,6 +89,9 @@ void stmt_timer(const Token*& t);  // TIMER(n) = ms | ON | OFF
 // restore the DATA pointer.
 extern void (*close_all_files)();
 extern void (*restore_data)();
+// Files push their buffered bytes to the system when a direct command (and
+// so any run) ends.
+extern void (*flush_files)();
 
 // Compiled execution: offered the statement at t before it is interpreted
 // (not while single-stepping). It returns true when it ran one or more

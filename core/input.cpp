@@ -20,6 +20,7 @@
 
 namespace core {
 
+
 bool field_value(const char* p, std::uint32_t n, std::uint8_t type, values::Value* out) {
   if (type == values::kString) {
     *out = values::Value::string(const_cast<char*>(p), n);
@@ -364,19 +365,26 @@ void install_data_hooks() { restore_data = restore_start; }
 
 namespace {
 
+// INPUT$(n) from the keyboard, INPUT$(n, [#]f) from a file.
 bool f_input_chars(const Token*& t, Value* out) {
-  Value a[2];
-  int n;
-  if (!values::parse_args(t, a, 1, 2, &n)) return false;
+  if (!values::expect(t, '(', "Expected (")) return false;
   std::int64_t count;
-  if (!values::arg_int(a[0], &count)) return false;
-  if (count < 1 || count > 32767) {
+  if (!values::eval_int64(t, &count)) return false;
+  bool from_file = false;
+  std::int64_t file = 0;
+  if (t->kind == ',') {
+    ++t;
+    if (t->kind == '#') ++t;
+    if (!values::eval_int64(t, &file)) return false;
+    from_file = true;
+  }
+  if (!values::expect(t, ')', "Expected )")) return false;
+  // A file can give a whole string's worth; the keyboard at most a line's.
+  if (count < 1 || count > (from_file ? 0x7FFFFFFFll : 32767ll)) {
     raise("Illegal function call");
     return false;
   }
-  if (n == 2) {
-    std::int64_t file;
-    if (!values::arg_int(a[1], &file)) return false;
+  if (from_file) {
     if (!file_input_chars) {
       raise("Bad file number");
       return false;

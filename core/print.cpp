@@ -473,13 +473,18 @@ void print_using(const char* f, std::uint32_t n, const Token*& t, OutSink& out) 
   if (!trailing_sep) sink_newline(out);
 }
 
+void (*print_file_hook)(const Token*& t) = nullptr;
+void (*write_file_hook)(const Token*& t) = nullptr;
+
 void stmt_print(const Token*& t) {
+  if (t[1].kind == '#' && print_file_hook) return print_file_hook(t);
   ++t;  // PRINT or ?
   OutSink out = console_sink();
   print_list(t, out);
 }
 
 void stmt_write(const Token*& t) {
+  if (t[1].kind == '#' && write_file_hook) return write_file_hook(t);
   ++t;
   OutSink out = console_sink();
   write_list(t, out);

@@ -33,6 +33,10 @@ void print_using(const char* fmt, std::uint32_t fmt_len, const Token*& t, OutSin
 // Returns false for an invalid field.
 bool format_using_number(const char* field, std::uint32_t field_len, double v, char* out, std::uint32_t* out_len);
 
+// PRINT # and WRITE # belong to the files subsystem (t on PRINT or WRITE).
+extern void (*print_file_hook)(const Token*& t);
+extern void (*write_file_hook)(const Token*& t);
+
 // Sinks end lines with CR LF for files and CR for the console.
 void sink_newline(OutSink& out);
 

@@ -8,6 +8,7 @@
 #include "core/exec.h"
 #include "core/keywords.h"
 #include "screen/screen_statements.h"
+#include "files/file_statements.h"
 #include "values/eval.h"
 
 namespace core {
@@ -22,6 +23,7 @@ void stmt_rem(const Token*& t) { ++t; }
 constexpr HandlerTable make_table() {
   HandlerTable table{};
   for (Handler& h : table) h = not_a_statement;
+  files::install_file_statements(table);
   table[KW_PRINT] = stmt_print;
   table[KW_WRITE] = stmt_write;
   table[KW_INPUT] = stmt_input;
@@ -91,6 +93,7 @@ const NamedStatement kCoreNamed[] = {
 const NamedGroup kNamedGroups[] = {
     {kCoreNamed, static_cast<int>(sizeof kCoreNamed / sizeof kCoreNamed[0])},
     {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
+    {files::kFileNamed, files::kFileNamedCount},
 };
 
 Handler find_named(const char* name) {

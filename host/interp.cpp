@@ -6,6 +6,8 @@
 #include "core/direct.h"
 #include "core/errors.h"
 #include "core/statements.h"
+#include "files/file_statements.h"
+#include "files/file_table.h"
 #include "host/cpu.h"
 #include "host/packed.h"
 #include "host/platform.h"
@@ -125,6 +127,11 @@ void interpreter_thread() {
   shell.tsc_reference = tsc_now();
   values::arena_init(shell.data_arena, shell.data_pages << 12);
   core::init_interpreter();
+  files::install_hooks();
+  // Whatever way this thread ends, open files are closed and nothing written is lost.
+  struct CloseFilesAtEnd {
+    ~CloseFilesAtEnd() { files::close_all(); }
+  } close_files_at_end;
   screen::reset_console();
   banner();
 

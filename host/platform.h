@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace host {
 
@@ -41,6 +42,52 @@ bool file_readable(const std::string& path);
 std::FILE* open_file(const std::string& cp437_name, const char* mode);
 bool is_absolute_path(const std::string& path);
 char path_separator();
+
+// --- files and directories (names are code page 437 text) -----------------
+// What went wrong, for the caller to turn into its own message.
+enum class FileFault { none, not_found, path_not_found, exists, denied, not_empty, in_use, disk_full, other };
+FileFault delete_file(const std::string& cp437_name);
+// Fails with `exists` when the new name is taken (NAME never overwrites).
+FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new);
+// Atomic replacement: `from` takes the place of `to` (which may exist), and
+// the change of directory entry is on disk before this returns.
+FileFault replace_file(const std::string& cp437_from, const std::string& cp437_to);
+FileFault make_directory(const std::string& cp437_name);
+FileFault remove_directory(const std::string& cp437_name);
+FileFault change_directory(const std::string& cp437_name);
+// The current directory as code page 437 (characters without a counterpart become '?').
+std::string current_directory_cp437();
+// 0 nothing there, 1 a file, 2 a directory.
+int path_kind(const std::string& cp437_name);
+
+struct DirEntry {
+  std::string name;     // code page 437; entries whose names have no counterpart are left out
+  bool directory;
+  std::uint64_t size;
+};
+// Every entry of a directory ("" is the current one), "." and ".." excluded.
+// False when the directory cannot be read.
+bool list_directory(const std::string& cp437_dir, std::vector<DirEntry>* out);
+// Drive roots ("C:\" ..., "/" on Linux) and a drive's kind in the classic
+// numbering: 0 unknown, 1 no such root, 2 removable, 3 fixed, 4 remote,
+// 5 CD-ROM, 6 RAM disk.
+std::vector<std::string> drive_roots();
+int drive_kind(const std::string& cp437_root);
+// The current directory on a drive ("" the current drive); empty on failure.
+std::string drive_current_directory(const std::string& cp437_drive);
+
+// Large-file positioning and durability for files opened by open_file.
+bool seek_file(std::FILE* f, std::int64_t offset);
+std::int64_t tell_file(std::FILE* f);
+std::int64_t file_length(std::FILE* f);  // flushes first; -1 on failure
+bool sync_file(std::FILE* f);            // flush and force the bytes to the disk
+std::int64_t os_file_handle(std::FILE* f);
+
+// An exclusive lock on a lock file, held until unlock_file or the end of the
+// process (the system drops it when a process dies). Null when another
+// process holds it or the file cannot be made.
+void* lock_file(const std::string& cp437_name);
+void unlock_file(void* lock);
 
 // End of the executable image in memory (the IMAGEEND landmark).
 std::uint64_t image_end();

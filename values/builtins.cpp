@@ -10,6 +10,7 @@
 #include "core/input.h"
 #include "core/numscan.h"
 #include "core/tokenizer.h"
+#include "files/file_functions.h"
 #include "host/platform.h"
 #include "host/shell.h"
 #include "host/ui.h"
@@ -755,6 +756,7 @@ const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
     core::input_builtins(),
     {screen::kScreenFunctions, screen::kScreenFunctionCount},
+    files::file_builtins(),
 };
 
 }  // namespace

@@ -3,13 +3,16 @@
 #include <fcntl.h>
 #include <strings.h>
 #include <limits.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -152,6 +155,171 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
     if (!other.empty()) path = other;  // also when writing: replace that file
   }
   return std::fopen(path.c_str(), mode);
+}
+
+// --- files and directories --------------------------------------------------
+
+// The native name of an existing file or directory: the exact name, else one
+// that differs only in case (see case_insensitive_match).
+static std::string native_existing(const std::string& cp437_name) {
+  std::string path = cp437_to_utf8(cp437_name);
+  if (access(path.c_str(), F_OK) != 0) {
+    const std::string other = case_insensitive_match(path);
+    if (!other.empty()) return other;
+  }
+  return path;
+}
+
+static FileFault fault_from_errno(int e) {
+  switch (e) {
+    case 0: return FileFault::none;
+    case ENOENT: return FileFault::not_found;
+    case ENOTDIR: return FileFault::path_not_found;
+    case EEXIST: return FileFault::exists;
+    case EACCES: case EPERM: case EROFS: return FileFault::denied;
+    case ENOTEMPTY: return FileFault::not_empty;
+    case EBUSY: case ETXTBSY: return FileFault::in_use;
+    case ENOSPC: case EDQUOT: return FileFault::disk_full;
+    default: return FileFault::other;
+  }
+}
+
+static FileFault result(int rc) { return rc == 0 ? FileFault::none : fault_from_errno(errno); }
+
+// Make a directory entry change durable: fsync the directory that holds it.
+static void sync_parent(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  const int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    fsync(fd);
+    close(fd);
+  }
+}
+
+FileFault delete_file(const std::string& cp437_name) {
+  const std::string path = native_existing(cp437_name);
+  struct stat st {};
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return FileFault::denied;
+  return result(unlink(path.c_str()));
+}
+
+FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new) {
+  const std::string from = native_existing(cp437_old);
+  if (access(from.c_str(), F_OK) != 0) return fault_from_errno(errno);
+  const std::string to = cp437_to_utf8(cp437_new);
+  if (access(to.c_str(), F_OK) == 0 || !case_insensitive_match(to).empty()) {
+    // The same entry under another spelling of its case is a plain rename.
+    struct stat a {}, b {};
+    if (!(stat(from.c_str(), &a) == 0 && stat(native_existing(cp437_new).c_str(), &b) == 0 && a.st_ino == b.st_ino &&
+          a.st_dev == b.st_dev))
+      return FileFault::exists;
+  }
+  return result(rename(from.c_str(), to.c_str()));
+}
+
+FileFault replace_file(const std::string& cp437_from, const std::string& cp437_to) {
+  const std::string to = native_existing(cp437_to);
+  const FileFault f = result(rename(native_existing(cp437_from).c_str(), to.c_str()));
+  if (f == FileFault::none) sync_parent(to);
+  return f;
+}
+
+FileFault make_directory(const std::string& cp437_name) {
+  const std::string path = cp437_to_utf8(cp437_name);
+  if (!case_insensitive_match(path).empty()) return FileFault::exists;
+  return result(mkdir(path.c_str(), 0777));
+}
+
+FileFault remove_directory(const std::string& cp437_name) { return result(rmdir(native_existing(cp437_name).c_str())); }
+
+FileFault change_directory(const std::string& cp437_name) { return result(chdir(native_existing(cp437_name).c_str())); }
+
+std::string current_directory_cp437() {
+  std::string out;
+  const std::string utf8 = current_directory();
+  if (utf8_to_cp437(utf8, &out)) return out;
+  out.clear();
+  Utf8Decoder d;
+  for (unsigned char c : utf8) {
+    const std::int32_t u = d.feed(c);
+    if (u < 0) continue;
+    const int b = unicode_to_cp437(static_cast<char32_t>(u));
+    out += b < 0 ? '?' : static_cast<char>(b);
+  }
+  return out;
+}
+
+int path_kind(const std::string& cp437_name) {
+  struct stat st {};
+  if (stat(native_existing(cp437_name).c_str(), &st) != 0) return 0;
+  return S_ISDIR(st.st_mode) ? 2 : 1;
+}
+
+bool list_directory(const std::string& cp437_dir, std::vector<DirEntry>* out) {
+  const std::string dir = cp437_dir.empty() ? std::string(".") : native_existing(cp437_dir);
+  DIR* d = opendir(dir.c_str());
+  if (!d) return false;
+  while (dirent* e = readdir(d)) {
+    if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+    DirEntry entry{};
+    if (!utf8_to_cp437(e->d_name, &entry.name)) continue;
+    struct stat st {};
+    if (fstatat(dirfd(d), e->d_name, &st, 0) != 0) continue;
+    entry.directory = S_ISDIR(st.st_mode);
+    entry.size = entry.directory ? 0 : static_cast<std::uint64_t>(st.st_size);
+    out->push_back(entry);
+  }
+  closedir(d);
+  return true;
+}
+
+std::vector<std::string> drive_roots() { return {"/"}; }
+
+int drive_kind(const std::string& cp437_root) {
+  struct stat st {};
+  if (cp437_root.empty() || stat(native_existing(cp437_root).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return 1;
+  return 3;
+}
+
+std::string drive_current_directory(const std::string& cp437_drive) {
+  // One tree on Linux: every "drive" is the root, whose current directory is ours.
+  if (!cp437_drive.empty() && cp437_drive != "/") return std::string();
+  return current_directory_cp437();
+}
+
+bool seek_file(std::FILE* f, std::int64_t offset) { return fseeko(f, static_cast<off_t>(offset), SEEK_SET) == 0; }
+
+std::int64_t tell_file(std::FILE* f) { return static_cast<std::int64_t>(ftello(f)); }
+
+std::int64_t file_length(std::FILE* f) {
+  if (std::fflush(f) != 0) return -1;
+  struct stat st {};
+  if (fstat(fileno(f), &st) != 0) return -1;
+  return static_cast<std::int64_t>(st.st_size);
+}
+
+bool sync_file(std::FILE* f) { return std::fflush(f) == 0 && fsync(fileno(f)) == 0; }
+
+std::int64_t os_file_handle(std::FILE* f) { return fileno(f); }
+
+void* lock_file(const std::string& cp437_name) {
+  const int fd = open(native_existing(cp437_name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  // flock belongs to this open file description: a second lock_file, in this
+  // process or another, is refused; the kernel drops it when the process dies.
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    close(fd);
+    return nullptr;
+  }
+  return reinterpret_cast<void*>(static_cast<std::intptr_t>(fd) + 1);
+}
+
+void unlock_file(void* lock) {
+  if (!lock) return;
+  const int fd = static_cast<int>(reinterpret_cast<std::intptr_t>(lock) - 1);
+  flock(fd, LOCK_UN);
+  close(fd);
 }
 
 bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }

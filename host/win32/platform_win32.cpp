@@ -1,6 +1,7 @@
 // Windows implementation of the platform interface. File names are UTF-8
 // inside the system and UTF-16 at the Win32 calls.
 #include <windows.h>
+#include <io.h>
 
 #include <cstdio>
 #include <string>
@@ -127,6 +128,141 @@ bool file_readable(const std::string& path) {
 std::FILE* open_file(const std::string& cp437_name, const char* mode) {
   const std::string m(mode);
   return _wfopen(wide(cp437_to_utf8(cp437_name)).c_str(), std::wstring(m.begin(), m.end()).c_str());
+}
+
+// --- files and directories --------------------------------------------------
+
+namespace {
+
+std::wstring wname(const std::string& cp437) { return wide(cp437_to_utf8(cp437)); }
+
+FileFault fault_from_error(DWORD e) {
+  switch (e) {
+    case ERROR_SUCCESS: return FileFault::none;
+    case ERROR_FILE_NOT_FOUND: return FileFault::not_found;
+    case ERROR_PATH_NOT_FOUND: case ERROR_INVALID_DRIVE: case ERROR_BAD_NETPATH: return FileFault::path_not_found;
+    case ERROR_FILE_EXISTS: case ERROR_ALREADY_EXISTS: return FileFault::exists;
+    case ERROR_ACCESS_DENIED: case ERROR_WRITE_PROTECT: return FileFault::denied;
+    case ERROR_DIR_NOT_EMPTY: return FileFault::not_empty;
+    case ERROR_SHARING_VIOLATION: case ERROR_LOCK_VIOLATION: case ERROR_CURRENT_DIRECTORY: return FileFault::in_use;
+    case ERROR_DISK_FULL: case ERROR_HANDLE_DISK_FULL: return FileFault::disk_full;
+    default: return FileFault::other;
+  }
+}
+
+FileFault result(BOOL ok) { return ok ? FileFault::none : fault_from_error(GetLastError()); }
+
+std::string to_cp437_lossy(const std::wstring& w) {
+  std::string out;
+  const std::u16string u(w.begin(), w.end());
+  if (utf16_to_cp437(u, &out)) return out;
+  out.clear();
+  for (wchar_t c : w) {
+    const int b = unicode_to_cp437(static_cast<char32_t>(c));
+    out += b < 0 ? '?' : static_cast<char>(b);
+  }
+  return out;
+}
+
+}  // namespace
+
+FileFault delete_file(const std::string& cp437_name) { return result(DeleteFileW(wname(cp437_name).c_str())); }
+
+FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new) {
+  return result(MoveFileExW(wname(cp437_old).c_str(), wname(cp437_new).c_str(), 0));
+}
+
+FileFault replace_file(const std::string& cp437_from, const std::string& cp437_to) {
+  return result(MoveFileExW(wname(cp437_from).c_str(), wname(cp437_to).c_str(),
+                            MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH));
+}
+
+FileFault make_directory(const std::string& cp437_name) { return result(CreateDirectoryW(wname(cp437_name).c_str(), nullptr)); }
+
+FileFault remove_directory(const std::string& cp437_name) { return result(RemoveDirectoryW(wname(cp437_name).c_str())); }
+
+FileFault change_directory(const std::string& cp437_name) { return result(SetCurrentDirectoryW(wname(cp437_name).c_str())); }
+
+std::string current_directory_cp437() {
+  wchar_t buf[4104];
+  const DWORD n = GetCurrentDirectoryW(4104, buf);
+  if (n == 0 || n >= 4104) return std::string();
+  return to_cp437_lossy(std::wstring(buf, n));
+}
+
+int path_kind(const std::string& cp437_name) {
+  const DWORD a = GetFileAttributesW(wname(cp437_name).c_str());
+  if (a == INVALID_FILE_ATTRIBUTES) return 0;
+  return (a & FILE_ATTRIBUTE_DIRECTORY) ? 2 : 1;
+}
+
+bool list_directory(const std::string& cp437_dir, std::vector<DirEntry>* out) {
+  std::wstring pattern = cp437_dir.empty() ? std::wstring(L".") : wname(cp437_dir);
+  if (pattern.back() != L'\\' && pattern.back() != L'/' && pattern.back() != L':') pattern += L'\\';
+  pattern += L'*';
+  WIN32_FIND_DATAW fd;
+  const HANDLE h = FindFirstFileW(pattern.c_str(), &fd);
+  if (h == INVALID_HANDLE_VALUE) return GetLastError() == ERROR_FILE_NOT_FOUND;
+  do {
+    if (!wcscmp(fd.cFileName, L".") || !wcscmp(fd.cFileName, L"..")) continue;
+    DirEntry e{};
+    const std::wstring w(fd.cFileName);
+    if (!utf16_to_cp437(std::u16string(w.begin(), w.end()), &e.name)) continue;
+    e.directory = (fd.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    e.size = e.directory ? 0 : (static_cast<std::uint64_t>(fd.nFileSizeHigh) << 32) | fd.nFileSizeLow;
+    out->push_back(e);
+  } while (FindNextFileW(h, &fd));
+  FindClose(h);
+  return true;
+}
+
+std::vector<std::string> drive_roots() {
+  std::vector<std::string> roots;
+  const DWORD mask = GetLogicalDrives();
+  for (int i = 0; i < 26; ++i)
+    if (mask & (1u << i)) roots.push_back(std::string(1, static_cast<char>('A' + i)) + ":\\");
+  return roots;
+}
+
+int drive_kind(const std::string& cp437_root) {
+  std::string root = cp437_root;
+  if (root.size() == 1) root += ':';
+  if (root.size() == 2 && root[1] == ':') root += '\\';
+  return static_cast<int>(GetDriveTypeW(wname(root).c_str()));
+}
+
+std::string drive_current_directory(const std::string& cp437_drive) {
+  // "X:" alone names the current directory of drive X.
+  std::wstring name = cp437_drive.empty() ? std::wstring(L".") : wname(cp437_drive.substr(0, 1)) + L":";
+  wchar_t buf[4104];
+  const DWORD n = GetFullPathNameW(name.c_str(), 4104, buf, nullptr);
+  if (n == 0 || n >= 4104) return std::string();
+  return to_cp437_lossy(std::wstring(buf, n));
+}
+
+bool seek_file(std::FILE* f, std::int64_t offset) { return _fseeki64(f, offset, SEEK_SET) == 0; }
+
+std::int64_t tell_file(std::FILE* f) { return _ftelli64(f); }
+
+std::int64_t file_length(std::FILE* f) {
+  if (std::fflush(f) != 0) return -1;
+  return _filelengthi64(_fileno(f));
+}
+
+bool sync_file(std::FILE* f) { return std::fflush(f) == 0 && _commit(_fileno(f)) == 0; }
+
+std::int64_t os_file_handle(std::FILE* f) { return _get_osfhandle(_fileno(f)); }
+
+void* lock_file(const std::string& cp437_name) {
+  // No sharing at all: a second opener, here or in another process, is refused;
+  // the handle closes with the process.
+  const HANDLE h = CreateFileW(wname(cp437_name).c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS,
+                               FILE_ATTRIBUTE_NORMAL, nullptr);
+  return h == INVALID_HANDLE_VALUE ? nullptr : h;
+}
+
+void unlock_file(void* lock) {
+  if (lock) CloseHandle(lock);
 }
 
 bool is_absolute_path(const std::string& path) {
