@@ -937,14 +937,8 @@ void stmt_resume(const Token*& t) {
     request_jump(f.line, static_cast<std::uint32_t>(p - base));
     return;
   }
-  Value v;
-  if (!values::eval(t, &v)) return;
-  if (v.type == values::kString || v.type == values::kHyper) {
-    raise("Type mismatch");
-    return;
-  }
   std::int64_t k;
-  if (!values::value_to_int64(v, &k)) return;
+  if (!values::eval_int64(t, &k)) return;  // a string target is "Type mismatch"
   if (k < 0 || k > static_cast<std::int64_t>(kMaxLineNumber)) {
     raise("Undefined line number");
     return;
@@ -1040,14 +1034,8 @@ void stmt_clear(const Token*& t) {
 
 void stmt_error(const Token*& t) {
   ++t;
-  Value v;
-  if (!values::eval(t, &v)) return;
-  if (v.type == values::kString || v.type == values::kHyper) {
-    raise("Type mismatch");
-    return;
-  }
   std::int64_t n;
-  if (!values::value_to_int64(v, &n)) return;
+  if (!values::eval_int64(t, &n)) return;
   error_statement(n);
 }
 

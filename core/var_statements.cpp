@@ -211,14 +211,8 @@ void stmt_randomize(const Token*& t) {
     values::randomize_clock(tm->tm_hour, tm->tm_min, tm->tm_sec);
     return;
   }
-  Value v;
-  if (!values::eval(t, &v)) return;
-  if (v.type == values::kString || v.type == values::kHyper) {
-    raise("Type mismatch");
-    return;
-  }
   std::int64_t n;
-  if (!values::value_to_int64(v, &n)) return;
+  if (!values::eval_int64(t, &n)) return;
   values::randomize_value(n);
 }
 
