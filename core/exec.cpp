@@ -39,6 +39,7 @@ const Token* direct_base = nullptr;
 
 struct ReturnFrame {
   std::uint32_t line, token;
+  int if_depth;  // a GOSUB inside a THEN branch returns into that branch
 };
 ReturnFrame gosub_stack[kMaxGosub];
 int gosub_sp = 0;
@@ -208,7 +209,7 @@ void reset_stacks() {
 
 bool push_return(std::uint32_t line, std::uint32_t token) {
   if (gosub_sp >= kMaxGosub) return fail("Out of memory");
-  gosub_stack[gosub_sp++] = {line, token};
+  gosub_stack[gosub_sp++] = {line, token, exec.if_depth};
   return true;
 }
 
@@ -394,6 +395,15 @@ void run_loop(const Token* t) {
       }
       exec.step_armed = false;
     }
+    if (t->kind == KW_ELSE) {
+      // Back in a THEN branch (a RETURN or RESUME into it): its ELSE part is skipped.
+      if (exec.if_depth > 0) {
+        skip_to_line_end(t);
+        continue;
+      }
+      raise("Syntax Error");
+      continue;
+    }
     exec.stmt = t;
     exec.continue_here = false;
     run_statement(t);
@@ -534,6 +544,7 @@ void stmt_return(const Token*& t) {
     return;
   }
   if (f.line != kDirect) exec.running = true;
+  exec.if_depth = f.if_depth;
   request_jump(f.line, f.token);
 }
 
