@@ -116,8 +116,9 @@ void release_arenas() {
 std::uint64_t tsc_now() { return __builtin_ia32_rdtsc(); }
 
 namespace {
-std::thread calibration;
-std::mutex calibration_lock;
+// Both threads are detached: nothing may be left joinable when the process
+// ends from elsewhere (an X server that goes away makes Xlib call exit()).
+// Completion is told through the condition variable and the events instead.
 // Shutdown cuts the measurement short: a session that ends within 100 ms
 // never needed the rate, and must not wait for it.
 std::mutex cancel_lock;
@@ -151,22 +152,29 @@ void calibrate() {
     }
     shell.tsc_reference = t1;
   }
-  shell.tsc_rate.store(rate ? rate : 1);
+  {
+    std::lock_guard guard(cancel_lock);
+    shell.tsc_rate.store(rate ? rate : 1);
+  }
+  cancel_cv.notify_all();
 }
 
-std::thread interpreter;
 AutoResetEvent interpreter_done;
 }  // namespace
 
 // The 100 ms measurement runs beside start-up instead of in front of it, so the
 // first "Ready." appears at once; whoever needs the rate waits for it.
-void start_tsc_calibration() { calibration = std::thread(calibrate); }
+void start_tsc_calibration() {
+  try {
+    std::thread(calibrate).detach();
+  } catch (...) {
+    calibrate();  // no thread to spare: measure here, 100 ms later
+  }
+}
 
 std::uint64_t tsc_rate() {
-  if (shell.tsc_rate.load() == 0) {
-    std::lock_guard guard(calibration_lock);
-    if (calibration.joinable()) calibration.join();
-  }
+  std::unique_lock guard(cancel_lock);
+  cancel_cv.wait(guard, [] { return shell.tsc_rate.load() != 0; });
   return shell.tsc_rate.load();
 }
 
@@ -174,10 +182,10 @@ bool start_interpreter_thread() {
   // std::thread reports a failed start by exception; it is caught right here
   // and becomes the start-up failure box.
   try {
-    interpreter = std::thread([] {
+    std::thread([] {
       interpreter_thread();
       interpreter_done.set();
-    });
+    }).detach();
   } catch (...) {
     return false;
   }
@@ -185,21 +193,15 @@ bool start_interpreter_thread() {
 }
 
 bool wait_interpreter_thread(unsigned ms) {
+  // A thread that does not end in time may still use the arenas: the caller
+  // then leaves them allocated.
   const bool ended = interpreter_done.wait_ms(ms);
-  if (ended) {
-    interpreter.join();
-  } else {
-    interpreter.detach();  // it may still use the arenas; they stay allocated
-  }
   {
     std::lock_guard guard(cancel_lock);
     cancelled = true;
   }
   cancel_cv.notify_all();
-  {
-    std::lock_guard guard(calibration_lock);
-    if (calibration.joinable()) calibration.join();
-  }
+  (void)tsc_rate();  // the cut-short measurement finishes at once
   return ended;
 }
 

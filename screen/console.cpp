@@ -103,6 +103,7 @@ void scroll_region_up() {
         }
       }
       fb.dirty.store(kDirtyAll, std::memory_order_relaxed);
+      fb.changed.store(1, std::memory_order_relaxed);
     }
   }
   for (std::uint32_t row = r.top; row < r.bottom && row + 1 < kMaxRows; ++row) {

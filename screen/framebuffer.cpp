@@ -46,6 +46,7 @@ bool create_framebuffer(std::uint32_t w, std::uint32_t h) {
     fb.pitch = w;
     fb.pixel_count = static_cast<std::uint64_t>(w) * h;
     fb.dirty.store(kDirtyAll);
+    fb.changed.store(1);
   }
   mouse_fit_to(w, h);
   fb.generation.fetch_add(1);
@@ -69,6 +70,7 @@ void refresh_all() {
   if (!fb.front) return;
   std::memcpy(fb.front, fb.back, static_cast<std::size_t>(fb.pixel_count) * 4);
   fb.dirty.store(kDirtyNone);
+  fb.changed.store(1);
 }
 
 void refresh_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1) {
@@ -83,6 +85,7 @@ void refresh_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_
     const std::size_t at = static_cast<std::size_t>(y) * fb.pitch + static_cast<std::size_t>(x0);
     std::memcpy(fb.front + at, fb.back + at, static_cast<std::size_t>(x1 - x0) * 4);
   }
+  fb.changed.store(1);
 }
 
 bool colour_from_number(std::int64_t n, std::uint32_t* rgb) {

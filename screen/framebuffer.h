@@ -28,6 +28,8 @@ struct FrameBuffer {
   std::shared_mutex lock;
   // Bumped on every recreation so the presenter knows to resize its surfaces.
   std::atomic<std::uint32_t> generation{0};
+  // Set by every write, taken by a presenter that skips frames nothing changed.
+  std::atomic<std::uint32_t> changed{1};
 };
 
 extern FrameBuffer fb;
@@ -45,6 +47,7 @@ inline void mark_written(std::uint32_t x, std::uint32_t y) {
   (void)x;
   (void)y;
   fb.dirty.store(kDirtyAll, std::memory_order_relaxed);
+  fb.changed.store(1, std::memory_order_relaxed);
 }
 
 // Copy the back buffer over the logical framebuffer (whole frame or a rectangle).
