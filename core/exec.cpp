@@ -616,12 +616,12 @@ void stmt_for(const Token*& t) {
     raise("Type mismatch");
     return;
   }
-  values::Descriptor* d = values::scalar_descriptor(var->name());
+  values::Descriptor* d = values::scalar_of(var);
   if (!d || !values::store_value(d->value, d->type, start)) return;
   // Re-entering a loop of the same variable (a GOTO back to its FOR) replaces
   // that loop instead of stacking a second one.
   for (int i = for_sp - 1; i >= 0; --i)
-    if (for_stack[i].type == type && std::strcmp(for_stack[i].name, var->name()) == 0) {
+    if (frame_variable(for_stack[i]) == d) {
       for_sp = i;
       break;
     }
@@ -727,11 +727,12 @@ void stmt_next(const Token*& t) {
       raise("Syntax error");
       return;
     }
-    const char* name = t->name();
-    const std::uint8_t type = values::type_of_name(name);
+    // A frame matches when it loops over the same variable (same name and type).
+    const values::Descriptor* d = values::scalar_of(t);
+    if (!d) return;
     int i = for_sp - 1;
     for (; i >= 0; --i)
-      if (for_stack[i].type == type && std::strcmp(for_stack[i].name, name) == 0) break;
+      if (frame_variable(for_stack[i]) == d) break;
     if (i < 0) {
       raise("NEXT without FOR");
       return;

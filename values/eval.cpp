@@ -251,6 +251,8 @@ bool level_imp(const Token*& t, Value* v) { return level_imp_from(t, v, 1); }
 
 bool eval(const Token*& t, Value* out) { return level_imp(t, out); }
 
+Descriptor* scalar_of(const Token* t) { return lookup(t, false, true); }
+
 bool eval_numeric(const Token*& t, Value* out) {
   if (!level_imp(t, out)) return false;
   if (out->type == kString) return fail("Type mismatch");

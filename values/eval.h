@@ -32,6 +32,9 @@ struct LValue {
 // Parse a variable reference. Absent scalars are created (assignment, INPUT,
 // READ); arrays must exist.
 [[nodiscard]] bool parse_lvalue(const Token*& t, LValue* out);
+// The scalar variable an identifier token names, found (or created) through
+// the token's cache: the fast path for FOR and NEXT.
+Descriptor* scalar_of(const Token* t);
 // Store through the store rule (component writes raise the kind as needed).
 [[nodiscard]] bool assign(const LValue& lv, const Value& v);
 
