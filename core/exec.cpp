@@ -513,21 +513,43 @@ void break_at_statement() {
 
 // --- statements -----------------------------------------------------------
 
+namespace {
+
+// A GOTO or GOSUB target. A constant target keeps the line's index in its
+// token's cache for this program version, so most jumps skip the search.
+bool target_index(const Token*& t, std::uint32_t* index) {
+  const Token* k = t;
+  if (k->kind == kTokNumber && at_statement_end(k + 1) && k->cache[0].b == program.generation && k->cache[0].a) {
+    *index = static_cast<std::uint32_t>(k->cache[0].a - 1);
+    ++t;
+    return true;
+  }
+  std::uint32_t n;
+  if (!eval_line_number(t, &n)) return false;
+  if (!find_line(n, index)) return fail("Undefined line number");
+  if (k->kind == kTokNumber && t == k + 1) const_cast<Token*>(k)->cache[0] = {*index + 1ull, program.generation};
+  return true;
+}
+
+}  // namespace
+
 void stmt_goto(const Token*& t) {
   ++t;
-  std::uint32_t n;
-  if (!eval_line_number(t, &n)) return;
-  (void)jump_to_line(n);
+  std::uint32_t index;
+  if (!target_index(t, &index)) return;
+  exec.running = true;
+  request_jump(index, 0);
 }
 
 void stmt_gosub(const Token*& t) {
   ++t;
-  std::uint32_t n;
-  if (!eval_line_number(t, &n)) return;
+  std::uint32_t index;
+  if (!target_index(t, &index)) return;
   const Token* after = t;
   skip_statement(after);
   if (!push_return(exec.line, token_index(after))) return;
-  if (!jump_to_line(n)) --gosub_sp;
+  exec.running = true;
+  request_jump(index, 0);
 }
 
 void stmt_return(const Token*& t) {
