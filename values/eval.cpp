@@ -93,8 +93,9 @@ bool primary(const Token*& t, Value* v) {
   switch (tok->kind) {
     case core::kTokNumber:
       ++t;
-      if (tok->type <= kInt64) *v = Value::integer(tok->i64(), tok->type);
-      else *v = Value::floating(tok->f64(), tok->type);
+      v->type = tok->type;
+      if (tok->type <= kInt64) v->i = tok->i64();
+      else v->d = tok->f64();
       break;
     case core::kTokString:
       ++t;
@@ -126,13 +127,13 @@ bool primary(const Token*& t, Value* v) {
           const Descriptor* d = lookup(tok, true, false);
           const void* slot = array_element(d, subs, n);
           if (!slot) return false;
-          *v = load_value(slot, d->type);
+          load_into(slot, d->type, v);
           break;
         }
         default: {
           const Descriptor* d = lookup(tok, false, false);
           if (d) {
-            *v = load_value(d->value, d->type);
+            load_into(d->value, d->type, v);
           } else {
             // An absent scalar reads as its typed zero (and is not created).
             std::uint8_t zero[72] = {};

@@ -75,16 +75,16 @@ bool make_float(double d, std::uint8_t t, Value* out) {
   if (t == kSingle) {
     const float f = static_cast<float>(d);
     if (f - f != 0) return raise("Overflow");
-    *out = Value::floating(f, kSingle);
+    set_float(out, f, kSingle);
     return true;
   }
-  *out = Value::floating(d, kDouble);
+  set_float(out, d, kDouble);
   return true;
 }
 
 bool make_int(std::int64_t v, std::uint8_t t, Value* out) {
   if (!in_range(v, t)) return raise("Overflow");
-  *out = Value::integer(v, t);
+  set_int(out, v, t);
   return true;
 }
 
@@ -95,7 +95,7 @@ bool negate(const Value& a, Value* out) {
     return make_int(-a.i, a.type, out);
   }
   if (a.type == kSingle || a.type == kDouble) {
-    *out = Value::floating(-a.d, a.type);
+    set_float(out, -a.d, a.type);
     return true;
   }
   return raise("Type mismatch");
@@ -105,7 +105,7 @@ bool logical_not(const Value& a, Value* out) {
   std::int64_t v;
   if (a.type == kString || a.type == kHyper) return raise("Type mismatch");
   if (!value_to_int64(a, &v)) return false;
-  *out = Value::integer(~v, int_op_type(a.type));
+  set_int(out, ~v, int_op_type(a.type));
   return true;
 }
 
@@ -125,12 +125,12 @@ bool binary_op(Op op, const Value& a, const Value& b, Value* out) {
         *out = Value::string(p, static_cast<std::uint32_t>(n));
         return true;
       }
-      case Op::Eq: compare_strings(a, b, &c); *out = Value::integer(c == 0 ? -1 : 0); return true;
-      case Op::Ne: compare_strings(a, b, &c); *out = Value::integer(c != 0 ? -1 : 0); return true;
-      case Op::Lt: compare_strings(a, b, &c); *out = Value::integer(c < 0 ? -1 : 0); return true;
-      case Op::Le: compare_strings(a, b, &c); *out = Value::integer(c <= 0 ? -1 : 0); return true;
-      case Op::Gt: compare_strings(a, b, &c); *out = Value::integer(c > 0 ? -1 : 0); return true;
-      case Op::Ge: compare_strings(a, b, &c); *out = Value::integer(c >= 0 ? -1 : 0); return true;
+      case Op::Eq: compare_strings(a, b, &c); set_int(out, c == 0 ? -1 : 0); return true;
+      case Op::Ne: compare_strings(a, b, &c); set_int(out, c != 0 ? -1 : 0); return true;
+      case Op::Lt: compare_strings(a, b, &c); set_int(out, c < 0 ? -1 : 0); return true;
+      case Op::Le: compare_strings(a, b, &c); set_int(out, c <= 0 ? -1 : 0); return true;
+      case Op::Gt: compare_strings(a, b, &c); set_int(out, c > 0 ? -1 : 0); return true;
+      case Op::Ge: compare_strings(a, b, &c); set_int(out, c >= 0 ? -1 : 0); return true;
       default: return raise("Type mismatch");
     }
   }
@@ -194,7 +194,7 @@ bool binary_op(Op op, const Value& a, const Value& b, Value* out) {
         case Op::Gt: r = c == 1; break;
         default: r = c == 1 || c == 0; break;
       }
-      *out = Value::integer(r ? -1 : 0);
+      set_int(out, r ? -1 : 0);
       return true;
     }
     case Op::And:
@@ -214,7 +214,7 @@ bool binary_op(Op op, const Value& a, const Value& b, Value* out) {
         default: r = ~x | y; break;
       }
       // Bitwise results of in-range operands stay in range of the wider type.
-      *out = Value::integer(r, t);
+      set_int(out, r, t);
       return true;
     }
   }

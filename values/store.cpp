@@ -157,6 +157,12 @@ bool store_value(void* slot, std::uint8_t t, const Value& v) {
 
 Value load_value(const void* slot, std::uint8_t t) {
   Value v;
+  load_into(slot, t, &v);
+  return v;
+}
+
+void load_into(const void* slot, std::uint8_t t, Value* out) {
+  Value& v = *out;
   v.type = t;
   switch (t) {
     case kInteger: { std::int16_t s; std::memcpy(&s, slot, 2); v.i = s; break; }
@@ -174,7 +180,6 @@ Value load_value(const void* slot, std::uint8_t t) {
     case kHyper: std::memcpy(&v.h, slot, sizeof(Hyper)); break;
     default: v.type = kNoType; break;
   }
-  return v;
 }
 
 }  // namespace values

@@ -12,6 +12,9 @@ namespace values {
 [[nodiscard]] bool store_value(void* slot, std::uint8_t t, const Value& v);
 // Read a slot back as a value record (strings point at their heap bytes).
 Value load_value(const void* slot, std::uint8_t t);
+// The same into an existing record, writing only the fields its type uses
+// (the evaluator's hot path: no whole-record copy).
+void load_into(const void* slot, std::uint8_t t, Value* v);
 
 // Floating value to a 64-bit integer, halves away from zero; "Overflow" for
 // NaN and values outside the 64-bit range.

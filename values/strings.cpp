@@ -13,6 +13,8 @@
 namespace values {
 
 bool compaction_scratch_fails = false;
+std::uint64_t temp_count = 0;
+bool compact_pending = false;
 
 namespace {
 
@@ -21,10 +23,8 @@ struct Temp {
   std::uint32_t len;
 };
 Temp temps[kTemporaries];
-std::uint64_t temp_counter = 0;
 bool adoption = true;
 std::uint64_t since_compaction = 0;
-bool compact_request = false;
 
 std::uint64_t addr(const void* p) { return reinterpret_cast<std::uint64_t>(p); }
 
@@ -63,7 +63,7 @@ void for_each_string(F&& f) {
 void finish(std::uint8_t* new_freetop) {
   arena.freetop = new_freetop;
   since_compaction = 0;
-  compact_request = false;
+  compact_pending = false;
 }
 
 // No memory for the sort: move the highest remaining string down each round.
@@ -106,15 +106,15 @@ char* string_alloc(std::uint32_t n) {
   since_compaction = since_compaction + n < since_compaction ? UINT64_MAX : since_compaction + n;
   if (since_compaction >= kCompactThreshold ||
       static_cast<std::uint64_t>(arena.freetop - arena.freebot) < kCompactThreshold)
-    compact_request = true;
+    compact_pending = true;
   return reinterpret_cast<char*>(arena.freetop);
 }
 
 char* string_temp(std::uint32_t n) {
   char* p = string_alloc(n);
   if (p && n && adoption) {
-    temps[temp_counter % kTemporaries] = {p, n};
-    ++temp_counter;
+    temps[temp_count % kTemporaries] = {p, n};
+    ++temp_count;
   }
   return p;
 }
@@ -132,10 +132,10 @@ char* adopt_temporary(const char* p, std::uint32_t n) {
 
 void clear_temporaries() {
   // Most statements make no string at all: nothing to forget then.
-  if (temp_counter == 0) return;
-  const std::uint64_t used = temp_counter < kTemporaries ? temp_counter : kTemporaries;
+  if (temp_count == 0) return;
+  const std::uint64_t used = temp_count < kTemporaries ? temp_count : kTemporaries;
   for (std::uint64_t i = 0; i < used; ++i) temps[i] = {nullptr, 0};
-  temp_counter = 0;
+  temp_count = 0;
 }
 
 void set_adoption(bool on) {
@@ -144,12 +144,12 @@ void set_adoption(bool on) {
 }
 bool adoption_on() { return adoption; }
 
-bool compaction_requested() { return compact_request; }
+bool compaction_requested() { return compact_pending; }
 std::uint64_t bytes_since_compaction() { return since_compaction; }
 
-void statement_boundary() {
+void statement_boundary_work() {
   clear_temporaries();
-  if (compact_request) compact_strings();
+  if (compact_pending) compact_strings();
 }
 
 void compact_strings() {
@@ -199,7 +199,7 @@ void compact_strings() {
 void strings_reset() {
   clear_temporaries();
   since_compaction = 0;
-  compact_request = false;
+  compact_pending = false;
 }
 
 }  // namespace values

@@ -25,8 +25,14 @@ void set_adoption(bool on);
 bool adoption_on();
 
 bool compaction_requested();
-// Statement boundary: forget temporaries, then compact when requested.
-void statement_boundary();
+// Statement boundary: forget temporaries, then compact when requested. Most
+// statements make no string, so the test is inline and the work out of line.
+extern std::uint64_t temp_count;
+extern bool compact_pending;
+void statement_boundary_work();
+inline void statement_boundary() {
+  if (temp_count || compact_pending) statement_boundary_work();
+}
 // Compact now (tests; the boundary calls it when requested).
 void compact_strings();
 // Forces the in-place path (tests of the no-memory fallback).

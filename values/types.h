@@ -62,4 +62,15 @@ struct Value {
   static Value string(char* p, std::uint32_t n) { Value r; r.type = kString; r.s.ptr = p; r.s.len = n; return r; }
 };
 
+// Results written in place: only the fields the type uses, never a whole
+// 80-byte record copy (the evaluator's hottest stores).
+inline void set_int(Value* v, std::int64_t x, std::uint8_t t = kInteger) {
+  v->type = t;
+  v->i = x;
+}
+inline void set_float(Value* v, double x, std::uint8_t t = kDouble) {
+  v->type = t;
+  v->d = x;
+}
+
 }  // namespace values
