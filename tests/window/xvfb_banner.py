@@ -145,9 +145,20 @@ def main():
         xdo("key", "Return")
         expect_rows([(16, "PRINT 6*7", None), (17, " 42", None), (18, "Ready.", None)], "direct line")
 
+        # Closing the window while a program runs ends the process promptly,
+        # although the program itself never stops.
+        xdo("type", "--delay", "20", "20 GOTO 20")
+        xdo("key", "Return")
+        xdo("type", "--delay", "20", "RUN 20")
+        xdo("key", "Return")
+        time.sleep(0.5)
+
+        closed_at = time.time()
         app.send_signal(signal.SIGTERM)
         try:
             code = app.wait(timeout=5)
+            if time.time() - closed_at > 2.5:
+                failures.append("took %.1f s to end after the close" % (time.time() - closed_at))
             if code != 0:
                 failures.append("exit code %d after close; stderr:\n%s" % (code, app.stderr.read().decode(errors="replace")[-3000:]))
         except subprocess.TimeoutExpired:
