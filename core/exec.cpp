@@ -396,7 +396,8 @@ void run_loop(const Token* t) {
       exec.step_armed = false;
     }
     if (t->kind == KW_ELSE) {
-      // Back in a THEN branch (a RETURN or RESUME into it): its ELSE part is skipped.
+      // The end of a THEN branch (reached in order, or by a RETURN or RESUME
+      // into it): its ELSE part is skipped.
       if (exec.if_depth > 0) {
         skip_to_line_end(t);
         continue;
@@ -423,14 +424,7 @@ void run_loop(const Token* t) {
       ++t;
       continue;
     }
-    if (t->kind == KW_ELSE) {
-      if (exec.if_depth > 0) {
-        skip_to_line_end(t);
-        continue;
-      }
-      raise("Syntax Error");
-      continue;
-    }
+    if (t->kind == KW_ELSE) continue;  // the end of a THEN branch: handled where statements start
     if (t->kind == kTokEnd) {
       if (!next_line(t)) return;
       continue;

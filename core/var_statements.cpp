@@ -244,21 +244,24 @@ void stmt_poke16(const Token*& t) { poke_n(t, 2); }
 void stmt_poke32(const Token*& t) { poke_n(t, 4); }
 void stmt_poke64(const Token*& t) { poke_n(t, 8); }
 
+namespace {
+// A variable named by a string at run time (DCLVAL, SETVAR): a string that
+// passes the identifier rules and is not a pseudo-variable.
+bool runtime_name(const Value& name, char id[40]) {
+  if (name.type != values::kString) return fail("Type mismatch");
+  if (!values::check_identifier(name.s.ptr, name.s.len, id)) return false;
+  if (values::is_read_only_name(id)) return fail("Read-only or runtime name");
+  return true;
+}
+}  // namespace
+
 // DCLVAL name$[,bounds...]: a scalar or an array by a run-time name.
 void stmt_dclval(const Token*& t) {
   ++t;
   Value name;
   if (!values::eval(t, &name)) return;
-  if (name.type != values::kString) {
-    raise("Type mismatch");
-    return;
-  }
   char id[40];
-  if (!values::check_identifier(name.s.ptr, name.s.len, id)) return;
-  if (values::is_read_only_name(id)) {
-    raise("Read-only or runtime name");
-    return;
-  }
+  if (!runtime_name(name, id)) return;
   Value bounds[values::kMaxDimensions + 1];
   int n = 0;
   while (t->kind == ',') {
@@ -306,16 +309,8 @@ void stmt_setvar(const Token*& t) {
   ++t;
   Value v, name;
   if (!values::eval(t, &v) || !values::expect(t, ',', "Expected ,") || !values::eval(t, &name)) return;
-  if (name.type != values::kString) {
-    raise("Type mismatch");
-    return;
-  }
   char id[40];
-  if (!values::check_identifier(name.s.ptr, name.s.len, id)) return;
-  if (values::is_read_only_name(id)) {
-    raise("Read-only or runtime name");
-    return;
-  }
+  if (!runtime_name(name, id)) return;
   std::int64_t subs[values::kMaxDimensions + 1];
   int n = 0;
   while (t->kind == ',') {

@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages a build needs, only those that are missing.
-# Usage: scripts/deps.sh run|test
+# Usage: scripts/deps.sh run|test|windows
 set -euo pipefail
-want=(build-essential cmake ninja-build pkg-config libsdl2-dev python3)
-if [ "${1:-run}" = test ]; then
-  want+=(libgtest-dev xvfb xauth x11-apps x11-utils xdotool)
-fi
+case "${1:-run}" in
+  run) want=(build-essential cmake ninja-build pkg-config libsdl2-dev python3) ;;
+  test) want=(build-essential cmake ninja-build pkg-config libsdl2-dev python3
+              libgtest-dev xvfb xauth x11-apps x11-utils xdotool) ;;
+  windows) want=(cmake ninja-build python3 g++-mingw-w64-x86-64-posix wine wine64
+                 xvfb x11-utils x11-apps xdotool) ;;
+  *) echo "usage: scripts/deps.sh run|test|windows" >&2; exit 2 ;;
+esac
 missing=()
 for p in "${want[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
