@@ -83,7 +83,9 @@ bool make_float(double d, std::uint8_t t, Value* out) {
 }
 
 bool make_int(std::int64_t v, std::uint8_t t, Value* out) {
-  if (!in_range(v, t)) return raise("Overflow");
+  // A result that leaves its type widens to the next integer type that holds
+  // it (INTEGER -> LONG -> INT64), as classic interpreters print 365*24*60.
+  while (!in_range(v, t)) ++t;
   set_int(out, v, t);
   return true;
 }
