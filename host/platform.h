@@ -18,6 +18,17 @@ void release_memory(void* base, std::size_t bytes);
 // The figure the data arena is sized from: the smallest of the installed
 // physical memory, the total physical memory and the system commit limit.
 std::uint64_t memory_reference_bytes();
+// Memory for generated code: allocated read-write, then switched to
+// read-execute (never both at once). exec_protect also flushes the
+// instruction cache for the range. Tests inject failures through
+// exec_fail_next (1: the next allocation fails, 2: the next protection).
+void* exec_alloc(std::size_t bytes);
+bool exec_protect(void* base, std::size_t bytes);
+void exec_free(void* base, std::size_t bytes);
+extern int exec_fail_next;
+// True when any mapping of this process is writable and executable at once
+// (Linux reads /proc/self/maps; elsewhere it answers false).
+bool any_writable_executable_mapping();
 // Checked access to our own address space: false instead of a fault.
 bool checked_read(std::uint64_t address, void* out, std::size_t n);
 bool checked_write(std::uint64_t address, const void* in, std::size_t n);

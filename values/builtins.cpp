@@ -90,9 +90,7 @@ bool one_arg(const Token*& t, Value* a) { return args(t, a, 1, 1); }
 
 using RealFn = MathStatus (*)(double, double*);
 
-bool elementary(const Token*& t, Value* out, RealFn fn, const char* hyper_name) {
-  Value a;
-  if (!one_arg(t, &a)) return false;
+bool elementary(const Value& a, Value* out, RealFn fn, const char* hyper_name) {
   if (a.type == kHyper) {
     if (!hyper_name) return fail("Type mismatch");
     Hyper h;
@@ -106,20 +104,7 @@ bool elementary(const Token*& t, Value* out, RealFn fn, const char* hyper_name) 
   return make_float(r, float_result_type(a.type), out);
 }
 
-bool f_sin(const Token*& t, Value* o) { return elementary(t, o, m_sin, "SIN"); }
-bool f_cos(const Token*& t, Value* o) { return elementary(t, o, m_cos, "COS"); }
-bool f_tan(const Token*& t, Value* o) { return elementary(t, o, m_tan, "TAN"); }
-bool f_atn(const Token*& t, Value* o) { return elementary(t, o, m_atn, nullptr); }
-bool f_exp(const Token*& t, Value* o) { return elementary(t, o, m_exp, "EXP"); }
-bool f_log(const Token*& t, Value* o) { return elementary(t, o, m_log, "LOG"); }
-bool f_sqr(const Token*& t, Value* o) { return elementary(t, o, m_sqr, "SQR"); }
-bool f_sinh(const Token*& t, Value* o) { return elementary(t, o, m_sinh, "SINH"); }
-bool f_cosh(const Token*& t, Value* o) { return elementary(t, o, m_cosh, "COSH"); }
-bool f_tanh(const Token*& t, Value* o) { return elementary(t, o, m_tanh, "TANH"); }
-
-bool f_abs(const Token*& t, Value* out) {
-  Value a;
-  if (!one_arg(t, &a)) return false;
+bool absolute(const Value& a, Value* out) {
   if (a.type == kHyper) {
     double r;
     (void)m_sqr(hyper_norm2(a.h), &r);
@@ -134,17 +119,7 @@ bool f_abs(const Token*& t, Value* out) {
   return true;
 }
 
-bool f_sgn(const Token*& t, Value* out) {
-  Value a;
-  int s;
-  if (!one_arg(t, &a) || !value_sign(a, &s)) return false;
-  *out = Value::integer(s);
-  return true;
-}
-
-bool rounding(const Token*& t, Value* out, double (*fn)(double)) {
-  Value a;
-  if (!one_arg(t, &a)) return false;
+bool rounding(const Value& a, Value* out, double (*fn)(double)) {
   if (is_integer_type(a.type)) {
     *out = a;
     return true;
@@ -153,21 +128,38 @@ bool rounding(const Token*& t, Value* out, double (*fn)(double)) {
   *out = Value::floating(fn(a.d), a.type);
   return true;
 }
-bool f_int(const Token*& t, Value* o) { return rounding(t, o, floor_own); }
-bool f_fix(const Token*& t, Value* o) { return rounding(t, o, trunc_own); }
 
-bool convert(const Token*& t, Value* out, std::uint8_t type) {
-  Value a;
-  if (!one_arg(t, &a)) return false;
+bool convert(const Value& a, Value* out, std::uint8_t type) {
   if (!is_numeric_type(a.type)) return fail("Type mismatch");
   std::uint8_t slot[8];
   if (!store_value(slot, type, a)) return false;
   *out = load_value(slot, type);
   return true;
 }
-bool f_cint(const Token*& t, Value* o) { return convert(t, o, kInteger); }
-bool f_csng(const Token*& t, Value* o) { return convert(t, o, kSingle); }
-bool f_cdbl(const Token*& t, Value* o) { return convert(t, o, kDouble); }
+
+template <NumFn F>
+bool numeric_builtin(const Token*& t, Value* out) {
+  Value a;
+  return one_arg(t, &a) && numeric_function(F, a, out);
+}
+
+constexpr auto f_sin = numeric_builtin<NumFn::Sin>;
+constexpr auto f_cos = numeric_builtin<NumFn::Cos>;
+constexpr auto f_tan = numeric_builtin<NumFn::Tan>;
+constexpr auto f_atn = numeric_builtin<NumFn::Atn>;
+constexpr auto f_exp = numeric_builtin<NumFn::Exp>;
+constexpr auto f_log = numeric_builtin<NumFn::Log>;
+constexpr auto f_sqr = numeric_builtin<NumFn::Sqr>;
+constexpr auto f_sinh = numeric_builtin<NumFn::Sinh>;
+constexpr auto f_cosh = numeric_builtin<NumFn::Cosh>;
+constexpr auto f_tanh = numeric_builtin<NumFn::Tanh>;
+constexpr auto f_abs = numeric_builtin<NumFn::Abs>;
+constexpr auto f_sgn = numeric_builtin<NumFn::Sgn>;
+constexpr auto f_int = numeric_builtin<NumFn::Int>;
+constexpr auto f_fix = numeric_builtin<NumFn::Fix>;
+constexpr auto f_cint = numeric_builtin<NumFn::Cint>;
+constexpr auto f_csng = numeric_builtin<NumFn::Csng>;
+constexpr auto f_cdbl = numeric_builtin<NumFn::Cdbl>;
 
 bool f_len(const Token*& t, Value* out) {
   Value a;
@@ -766,6 +758,34 @@ bool arg_int(const Value& v, std::int64_t* out) { return as_int(v, out); }
 bool arg_string(const Value& v) { return as_str(v); }
 
 // An index is group * 1024 + row.
+bool numeric_function(NumFn f, const Value& a, Value* out) {
+  switch (f) {
+    case NumFn::Sqr: return elementary(a, out, m_sqr, "SQR");
+    case NumFn::Sin: return elementary(a, out, m_sin, "SIN");
+    case NumFn::Cos: return elementary(a, out, m_cos, "COS");
+    case NumFn::Tan: return elementary(a, out, m_tan, "TAN");
+    case NumFn::Atn: return elementary(a, out, m_atn, nullptr);
+    case NumFn::Log: return elementary(a, out, m_log, "LOG");
+    case NumFn::Exp: return elementary(a, out, m_exp, "EXP");
+    case NumFn::Sinh: return elementary(a, out, m_sinh, "SINH");
+    case NumFn::Cosh: return elementary(a, out, m_cosh, "COSH");
+    case NumFn::Tanh: return elementary(a, out, m_tanh, "TANH");
+    case NumFn::Abs: return absolute(a, out);
+    case NumFn::Sgn: {
+      int s;
+      if (!value_sign(a, &s)) return false;
+      *out = Value::integer(s);
+      return true;
+    }
+    case NumFn::Int: return rounding(a, out, floor_own);
+    case NumFn::Fix: return rounding(a, out, trunc_own);
+    case NumFn::Cint: return convert(a, out, kInteger);
+    case NumFn::Csng: return convert(a, out, kSingle);
+    case NumFn::Cdbl: return convert(a, out, kDouble);
+  }
+  return fail("Type mismatch");
+}
+
 int find_builtin(const char* name) {
   for (std::size_t g = 0; g < sizeof kGroups / sizeof kGroups[0]; ++g)
     for (int i = 0; i < kGroups[g].count; ++i)

@@ -21,6 +21,11 @@ struct BuiltinGroup {
 [[nodiscard]] bool arg_int(const Value& v, std::int64_t* out);   // numbers only ("Type mismatch")
 [[nodiscard]] bool arg_string(const Value& v);                   // "Type mismatch" unless a string
 
+// The one-argument numeric functions on an evaluated argument: the same
+// routine serves the evaluator and compiled code.
+enum class NumFn : std::uint8_t { Sqr, Sin, Cos, Tan, Atn, Log, Exp, Abs, Sgn, Int, Fix, Cint, Csng, Cdbl, Sinh, Cosh, Tanh };
+[[nodiscard]] bool numeric_function(NumFn f, const Value& a, Value* out);
+
 // Index into the function tables, or -1.
 int find_builtin(const char* name);
 // t is just past the function name; parses its own arguments.

@@ -6,8 +6,9 @@
 // Every binary level is left-associative.
 //
 // Identifiers are resolved once per token and the answer is kept in the
-// token's evaluator cache: slot 0 holds {what, index}, slot 1 a descriptor
-// pointer with the variable-table generation it was found under.
+// token's evaluator cache: slot 0 holds {index | type generation << 32, what},
+// slot 1 a descriptor pointer with the variable-table generation it was found
+// under. Slot 2 of a statement's first token belongs to compiled execution.
 #include "values/eval.h"
 
 #include <cstring>
@@ -57,11 +58,11 @@ std::uint32_t resolve(const Token* tok) {
 }
 
 // The descriptor of a token's variable, through the token's cache.
-// Slot 2 keeps the type generation the entry was found under: a DEFxxx in
-// between may give the same name another type.
+// The upper half of slot 0's word keeps the type generation the entry was
+// found under: a DEFxxx in between may give the same name another type.
 Descriptor* lookup(const Token* tok, bool array, bool create) {
   auto* w = const_cast<Token*>(tok);
-  if (w->cache[1].a && w->cache[1].b == table_generation() && w->cache[2].a == type_generation())
+  if (w->cache[1].a && w->cache[1].b == table_generation() && (w->cache[0].a >> 32) == type_generation())
     return reinterpret_cast<Descriptor*>(w->cache[1].a);
   const std::uint8_t type = type_of_name(tok->name());
   Descriptor* d = find_descriptor(tok->name(), array, type);
@@ -74,7 +75,7 @@ Descriptor* lookup(const Token* tok, bool array, bool create) {
   }
   if (d) {
     w->cache[1] = {reinterpret_cast<std::uint64_t>(d), table_generation()};
-    w->cache[2] = {type_generation(), 0};
+    w->cache[0].a = (w->cache[0].a & 0xFFFFFFFFu) | static_cast<std::uint64_t>(type_generation()) << 32;
   }
   return d;
 }

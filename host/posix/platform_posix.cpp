@@ -39,6 +39,44 @@ void release_memory(void* base, std::size_t bytes) {
   if (base) munmap(base, bytes);
 }
 
+int exec_fail_next = 0;
+
+void* exec_alloc(std::size_t bytes) {
+  if (exec_fail_next == 1) {
+    exec_fail_next = 0;
+    return nullptr;
+  }
+  void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return p == MAP_FAILED ? nullptr : p;
+}
+
+bool exec_protect(void* base, std::size_t bytes) {
+  if (exec_fail_next == 2) {
+    exec_fail_next = 0;
+    return false;
+  }
+  // x86 keeps instruction fetch coherent with stores: no cache flush needed.
+  return mprotect(base, bytes, PROT_READ | PROT_EXEC) == 0;
+}
+
+void exec_free(void* base, std::size_t bytes) {
+  if (base) munmap(base, bytes);
+}
+
+bool any_writable_executable_mapping() {
+  std::FILE* f = std::fopen("/proc/self/maps", "r");
+  if (!f) return false;
+  char line[512];
+  bool found = false;
+  while (std::fgets(line, sizeof line, f)) {
+    // "start-end perms ...": perms is rwxp.
+    const char* sp = std::strchr(line, ' ');
+    if (sp && sp[1] == 'r' && sp[2] == 'w' && sp[3] == 'x') found = true;
+  }
+  std::fclose(f);
+  return found;
+}
+
 std::uint64_t memory_reference_bytes() {
   struct sysinfo si {};
   std::uint64_t total = 0;

@@ -36,6 +36,33 @@ void release_memory(void* base, std::size_t bytes) {
   if (base) VirtualFree(base, 0, MEM_RELEASE);
 }
 
+int exec_fail_next = 0;
+
+void* exec_alloc(std::size_t bytes) {
+  if (exec_fail_next == 1) {
+    exec_fail_next = 0;
+    return nullptr;
+  }
+  return VirtualAlloc(nullptr, bytes, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE);
+}
+
+bool exec_protect(void* base, std::size_t bytes) {
+  if (exec_fail_next == 2) {
+    exec_fail_next = 0;
+    return false;
+  }
+  DWORD old;
+  if (!VirtualProtect(base, bytes, PAGE_EXECUTE_READ, &old)) return false;
+  FlushInstructionCache(GetCurrentProcess(), base, bytes);
+  return true;
+}
+
+void exec_free(void* base, std::size_t) {
+  if (base) VirtualFree(base, 0, MEM_RELEASE);
+}
+
+bool any_writable_executable_mapping() { return false; }
+
 std::uint64_t memory_reference_bytes() {
   std::uint64_t ref = 0;
   auto take = [&ref](std::uint64_t v) {
