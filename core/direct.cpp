@@ -2,6 +2,8 @@
 // line that starts with a digit is stored; any other is tokenized and run.
 #include "core/direct.h"
 
+#include "jit/jit.h"
+
 #include <cstring>
 
 #include "core/errors.h"
@@ -52,6 +54,7 @@ void init_interpreter() {
   on_program_changed = program_changed;
   install_data_hooks();
   install_user_functions();
+  jit::install();
   clear_run_state();
 }
 

@@ -499,6 +499,72 @@ void run_program(std::uint32_t start_index) {
   request_jump(start_index, 0);
 }
 
+bool compiled_execution_allowed() {
+  return !trace_on && breakpoint_count == 0 && on_break_line == 0 && !exec.stepping && exec.if_depth == 0 &&
+         exec.line != kDirect;
+}
+int gosub_depth() { return gosub_sp; }
+int for_depth() { return for_sp; }
+int while_depth() { return while_sp; }
+
+bool for_stack_uses(const values::Descriptor* d) {
+  for (int i = 0; i < for_sp; ++i)
+    if ((for_stack[i].d && for_stack[i].generation == values::table_generation()
+             ? for_stack[i].d
+             : values::find_descriptor(for_stack[i].name, false, for_stack[i].type)) == d)
+      return true;
+  return false;
+}
+
+bool push_native_for(const NativeFor& n) {
+  if (for_sp >= kMaxFor) return fail("Out of memory");
+  ForFrame& f = for_stack[for_sp];
+  std::memset(f.name, 0, sizeof f.name);
+  std::memcpy(f.name, n.d->name, strnlen(n.d->name, 39));
+  f.type = n.d->type;
+  f.limit = n.limit;
+  f.limit_d = values::is_integer_type(n.limit.type) ? static_cast<double>(n.limit.i) : n.limit.d;
+  f.step = n.step;
+  f.step_d = values::is_integer_type(n.step.type) ? static_cast<double>(n.step.i) : n.step.d;
+  f.sign = f.step_d > 0 ? 1 : f.step_d < 0 ? -1 : 0;
+  f.fast = !values::is_integer_type(n.limit.type) || (n.limit.i >= -(1ll << 53) && n.limit.i <= (1ll << 53));
+  f.d = n.d;
+  f.generation = values::table_generation();
+  f.line = n.line;
+  f.token = n.token;
+  f.for_line = n.for_line;
+  f.for_token = n.for_token;
+  f.serial = ++loop_serial;
+  ++for_sp;
+  return true;
+}
+
+bool push_native_while(std::uint32_t line, std::uint32_t token) {
+  if (while_sp >= kMaxWhile) return fail("Out of memory");
+  while_stack[while_sp++] = {line, token, ++loop_serial};
+  return true;
+}
+
+bool push_native_return(std::uint32_t line, std::uint32_t token, int if_depth) {
+  if (gosub_sp >= kMaxGosub) return fail("Out of memory");
+  gosub_stack[gosub_sp++] = {line, token, if_depth};
+  return true;
+}
+
+void resume_at(std::uint32_t line, std::uint32_t token, int if_depth) {
+  exec.running = true;
+  exec.if_depth = if_depth;
+  request_jump(line, token);
+}
+
+void error_at(std::uint32_t line, std::uint32_t token, int if_depth) {
+  exec.line = line;
+  program_running = line != kDirect;
+  exec.base = tokens_for(line);
+  exec.stmt = exec.base ? exec.base + token : nullptr;
+  exec.if_depth = if_depth;
+}
+
 void break_at_statement() {
   exec.stop_request = true;
   if (host::stop_requested()) return;  // the window is closing: no message
@@ -580,6 +646,7 @@ values::Descriptor* frame_variable(ForFrame& f) {
   f.generation = values::table_generation();
   return f.d;
 }
+
 
 void for_end(const Token*& t) {
   t += 2;  // FOR END

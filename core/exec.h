@@ -100,4 +100,27 @@ extern void (*flush_files)();
 // compiler is installed.
 extern bool (*offer_compiled_region)(const Token*& t);
 
+// What compiled execution needs of the executor: whether it may run at all
+// now (no tracing, breakpoints, ON BREAK or stepping), the depth of each
+// control stack, and pushing the loops and GOSUBs that native code had open
+// when it hands control back, exactly as the interpreter would have left them.
+bool compiled_execution_allowed();
+int gosub_depth();
+int for_depth();
+int while_depth();
+bool for_stack_uses(const values::Descriptor* d);
+struct NativeFor {
+  values::Descriptor* d;
+  values::Value limit, step;
+  std::uint32_t line, token;          // behind the FOR statement
+  std::uint32_t for_line, for_token;  // the FOR keyword
+};
+bool push_native_for(const NativeFor& f);
+bool push_native_while(std::uint32_t line, std::uint32_t token);
+bool push_native_return(std::uint32_t line, std::uint32_t token, int if_depth);
+// Continue the run at (line, token) inside `if_depth` THEN branches.
+void resume_at(std::uint32_t line, std::uint32_t token, int if_depth);
+// Make (line, token) the statement an error belongs to.
+void error_at(std::uint32_t line, std::uint32_t token, int if_depth);
+
 }  // namespace core

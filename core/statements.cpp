@@ -9,6 +9,7 @@
 #include "core/keywords.h"
 #include "screen/screen_statements.h"
 #include "files/file_statements.h"
+#include "jit/jit.h"
 #include "values/eval.h"
 
 namespace core {
@@ -94,6 +95,7 @@ const NamedGroup kNamedGroups[] = {
     {kCoreNamed, static_cast<int>(sizeof kCoreNamed / sizeof kCoreNamed[0])},
     {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
     {files::kFileNamed, files::kFileNamedCount},
+    {jit::kJitNamed, 1},
 };
 
 Handler find_named(const char* name) {

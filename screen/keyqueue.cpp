@@ -93,6 +93,13 @@ bool KeyQueue::empty() {
   return head_ == tail_;
 }
 
+bool KeyQueue::has_break() {
+  std::lock_guard guard(lock_);
+  for (std::uint32_t i = tail_; i != head_; i = (i + 1) % capacity_)
+    if ((entries_[i] & 0xFF) == kKeyEsc) return true;
+  return false;
+}
+
 bool KeyQueue::take_break() {
   std::lock_guard guard(lock_);
   for (std::uint32_t i = tail_; i != head_; i = (i + 1) % capacity_) {

@@ -53,6 +53,8 @@ class KeyQueue {
   // Break polling: remove the first Esc entry if one is queued (other keys
   // stay, in order, for the program's next read).
   bool take_break();
+  // An Esc is waiting (not taken): compiled loops ask this between polls.
+  bool has_break();
   void clear();
   void signal();  // wake a waiting reader (F12, shutdown)
 

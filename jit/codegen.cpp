@@ -1,0 +1,897 @@
+// The code generator: verified bytecode with static types to x86-64.
+//
+// Register plan. R12 holds the frame, RBX the descriptor table (every scalar
+// is [RBX + disp32]), R15 the top of the loop/GOSUB mirror, R13 the countdown
+// to the next poll. Evaluation-stack slot d lives in GPR_SLOT[d] when its
+// static type is an integer and in XMM_SLOT[d] when it is floating; RAX, RCX,
+// RDX, XMM0 and XMM1 are scratch. Helper calls spill the live slots to the
+// frame and reload them afterwards. Checks that fail jump to cold stubs at
+// the end of the code, which record the statement and leave.
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <map>
+
+#include "host/platform.h"
+#include "jit/native.h"
+#include "jit/x64.h"
+#include "values/builtins.h"
+#include "values/ops.h"
+
+namespace jit {
+
+namespace {
+
+constexpr Reg GPR_SLOT[8] = {RSI, RDI, R8, R9, R10, R11, R14, RBP};
+constexpr Xmm XMM_SLOT[8] = {X2, X3, X4, X5, X6, X7, X8, X9};
+#ifdef _WIN32
+constexpr Reg ARG[4] = {RCX, RDX, R8, R9};
+constexpr bool kWin64 = true;
+#else
+constexpr Reg ARG[4] = {RDI, RSI, RDX, RCX};
+constexpr bool kWin64 = false;
+#endif
+
+#define F(field) static_cast<std::int32_t>(offsetof(NativeFrame, field))
+
+constexpr std::int32_t kValueType = static_cast<std::int32_t>(offsetof(values::Value, type));
+constexpr std::int32_t kValuePayload = static_cast<std::int32_t>(offsetof(values::Value, i));
+constexpr std::int32_t kDescValue = static_cast<std::int32_t>(offsetof(values::Descriptor, value));
+
+std::uint32_t for_key(int slot) { return kMirrorFor << 16 | static_cast<std::uint32_t>(slot); }
+std::uint32_t while_key(int w) { return kMirrorWhile << 16 | static_cast<std::uint32_t>(w); }
+
+Cond invert(Cond c) { return static_cast<Cond>(c ^ 1); }
+
+bool produces_value(std::uint8_t op) {
+  switch (op) {
+    case OP_STATEMENT: case OP_DISCARD: case OP_JUMP: case OP_BRANCH_FALSE: case OP_FOR: case OP_NEXT:
+    case OP_GOTO_LOCAL: case OP_GOTO_LINE: case OP_GOSUB_LOCAL: case OP_GOSUB_LINE: case OP_RETURN:
+    case OP_FALLBACK: case OP_END: case OP_PRINT: case OP_LOCATE: case OP_COLOR: case OP_STORE_ELEM:
+      return false;
+    default:
+      return true;
+  }
+}
+
+class Gen {
+ public:
+  Gen(const RegionCode& rc, const int* depth) : rc_(rc), depth_(depth) {}
+  bool run();
+  Assembler a;
+  std::vector<std::uint32_t> offsets;
+
+ private:
+  const RegionCode& rc_;
+  const int* depth_;
+  std::vector<ValType> st_;   // static type per stack depth
+  std::vector<int> labels_;   // one per instruction
+  int epilogue_ = -1;
+  int stmt_ = 0;              // statement of the instruction in hand
+  std::map<std::pair<int, int>, int> error_stubs_;   // (stmt, msg) -> label
+  std::map<std::pair<int, int>, int> exit_stubs_;    // (stmt, code) -> label
+  std::vector<std::function<void()>> cold_;
+  std::vector<bool> skip_;    // fused into the previous instruction
+  ValType info_result_;       // the result type of the instruction in hand
+
+  Reg g(int d) const { return GPR_SLOT[d]; }
+  Xmm x(int d) const { return XMM_SLOT[d]; }
+  const InstrInfo& info(int i) const { return rc_.info[static_cast<std::size_t>(i)]; }
+  const Instr& ins(int i) const { return rc_.code[static_cast<std::size_t>(i)]; }
+  int count() const { return static_cast<int>(rc_.code.size()); }
+  Mem var(const values::Descriptor* d) const {
+    return mem(RBX, static_cast<std::int32_t>(reinterpret_cast<const std::uint8_t*>(d) -
+                                              reinterpret_cast<const std::uint8_t*>(values::descriptor_table())) + kDescValue);
+  }
+
+  int error_stub(int msg) {
+    auto key = std::make_pair(stmt_, msg);
+    auto it = error_stubs_.find(key);
+    if (it != error_stubs_.end()) return it->second;
+    const int l = a.new_label();
+    const int s = stmt_;
+    cold_.push_back([this, l, s, msg] {
+      a.bind(l);
+      a.store32_imm(mem(R12, F(exit_stmt)), s);
+      a.store32_imm(mem(R12, F(error_msg)), msg);
+      a.mov_imm(RAX, 0);
+      a.jmp(epilogue_);
+    });
+    error_stubs_[key] = l;
+    return l;
+  }
+  int exit_stub(int stmt, int code) {
+    auto key = std::make_pair(stmt, code);
+    auto it = exit_stubs_.find(key);
+    if (it != exit_stubs_.end()) return it->second;
+    const int l = a.new_label();
+    cold_.push_back([this, l, stmt, code] {
+      a.bind(l);
+      a.store32_imm(mem(R12, F(exit_stmt)), stmt);
+      a.mov_imm(RAX, code);
+      a.jmp(epilogue_);
+    });
+    exit_stubs_[key] = l;
+    return l;
+  }
+  int resume_here() { return exit_stub(stmt_, kTransferResume); }
+
+  void spill(int live) {
+    for (int d = 0; d < live; ++d) {
+      if (st_[static_cast<std::size_t>(d)].is_float()) a.movsd(mem(R12, F(spill_f) + 8 * d), x(d));
+      else a.store64(mem(R12, F(spill) + 8 * d), g(d));
+    }
+  }
+  void reload(int live) {
+    for (int d = 0; d < live; ++d) {
+      if (st_[static_cast<std::size_t>(d)].is_float()) a.movsd(x(d), mem(R12, F(spill_f) + 8 * d));
+      else a.load64(g(d), mem(R12, F(spill) + 8 * d));
+    }
+  }
+  // Calls fn(frame, a1, a2); live slots below `live` survive. Result in RAX.
+  void call(const void* fn, int live, std::int64_t a1 = 0, std::int64_t a2 = 0, int nargs = 1) {
+    spill(live);
+    a.mov(ARG[0], R12);
+    if (nargs > 1) a.mov_imm(ARG[1], a1);
+    if (nargs > 2) a.mov_imm(ARG[2], a2);
+    a.mov_imm(RAX, reinterpret_cast<std::int64_t>(fn));
+    a.call(RAX);
+    reload(live);
+  }
+  // A slot's value into tmp[k] as a value record of its static type.
+  void to_tmp(int k, int d) {
+    const ValType& t = st_[static_cast<std::size_t>(d)];
+    const std::int32_t base = F(tmp) + k * static_cast<std::int32_t>(sizeof(values::Value));
+    a.store8_imm(mem(R12, base + kValueType), t.type);
+    if (t.is_float()) a.movsd(mem(R12, base + kValuePayload), x(d));
+    else a.store64(mem(R12, base + kValuePayload), g(d));
+  }
+  void from_tmp(int d, const ValType& t) {
+    const std::int32_t base = F(tmp);
+    if (t.is_float()) a.movsd(x(d), mem(R12, base + kValuePayload));
+    else a.load64(g(d), mem(R12, base + kValuePayload));
+  }
+  void to_double(Xmm dst, int d) {
+    if (st_[static_cast<std::size_t>(d)].is_float()) a.movapd(dst, x(d));
+    else a.cvtsi2sd(dst, g(d));
+  }
+  // A SINGLE result is rounded to binary32; infinity or NaN is "Overflow".
+  void round_single(Xmm r) {
+    a.cvtsd2ss(r, r);
+    a.cvtss2sd(r, r);
+    check_finite(r);
+  }
+  void check_finite(Xmm r) {
+    a.movq(RAX, r);
+    a.mov_imm(RCX, 0x7FF0000000000000ll);
+    a.alu(Assembler::AND, RAX, RCX);
+    a.alu(Assembler::CMP, RAX, RCX);
+    a.jcc(E, error_stub(kMsgOverflow));
+  }
+  // Store the value in slot d into a typed slot at m (the store rule).
+  void store_to(int d, std::uint8_t type, const Mem& m, int live) {
+    const ValType& v = st_[static_cast<std::size_t>(d)];
+    if (values::is_integer_type(type)) {
+      Reg r = g(d);
+      if (v.is_float()) {
+        to_tmp(0, d);
+        call(reinterpret_cast<const void*>(&helper_f2i), live);
+        a.test(RAX, RAX);
+        a.jcc(E, error_stub(kMsgNone));
+        a.load64(RAX, mem(R12, F(tmp) + kValuePayload));
+        r = RAX;
+      }
+      if (type == values::kInteger) {
+        a.sx16(RCX, r);
+        a.alu(Assembler::CMP, RCX, r);
+        a.jcc(NE, error_stub(kMsgOverflow));
+        a.store16(m, r);
+      } else if (type == values::kLong) {
+        a.sx32(RCX, r);
+        a.alu(Assembler::CMP, RCX, r);
+        a.jcc(NE, error_stub(kMsgOverflow));
+        a.store32(m, r);
+      } else {
+        a.store64(m, r);
+      }
+      return;
+    }
+    to_double(X0, d);
+    if (type == values::kSingle) {
+      a.cvtsd2ss(X0, X0);
+      if (v.is_float()) {
+        a.cvtss2sd(X1, X0);
+        a.movq(RAX, X1);
+        a.mov_imm(RCX, 0x7FF0000000000000ll);
+        a.alu(Assembler::AND, RAX, RCX);
+        a.alu(Assembler::CMP, RAX, RCX);
+        a.jcc(E, error_stub(kMsgOverflow));
+      }
+      a.movss(m, X0);
+    } else {
+      a.movsd(m, X0);
+    }
+  }
+  void load_from(int d, std::uint8_t type, const Mem& m) {
+    switch (type) {
+      case values::kInteger: a.load_s16(g(d), m); break;
+      case values::kLong: a.load_s32(g(d), m); break;
+      case values::kInt64: a.load64(g(d), m); break;
+      case values::kSingle: a.cvtss2sd(x(d), m); break;
+      default: a.movsd(x(d), m); break;
+    }
+  }
+  // Subscripts in slots d0..d0+n-1 to an element address in RAX (the
+  // interpreter's checks in its order). Floating subscripts are rounded first.
+  void element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type) {
+    for (int k = 0; k < n; ++k) {
+      if (!st_[static_cast<std::size_t>(d0 + k)].is_float()) continue;
+      to_tmp(0, d0 + k);
+      call(reinterpret_cast<const void*>(&helper_f2i), d0 + n);
+      a.test(RAX, RAX);
+      a.jcc(E, error_stub(kMsgNone));
+      a.load64(g(d0 + k), mem(R12, F(tmp) + kValuePayload));
+      st_[static_cast<std::size_t>(d0 + k)] = ValType{values::kInt64, 0};
+    }
+    if (!d) {
+      a.jmp(error_stub(kMsgNotDimensioned));
+      return;
+    }
+    if (n == 1) {
+      a.load64(RAX, mem(RBX, var(d).disp));  // the block pointer, re-read: REDIM and ERASE move it
+      a.test(RAX, RAX);
+      a.jcc(E, error_stub(kMsgNotDimensioned));
+      a.alu_mem_imm(Assembler::CMP, mem(RAX, 0), 1);
+      a.jcc(NE, error_stub(kMsgWrongSubscripts));
+      a.mov(RCX, g(d0));
+      a.alu(Assembler::SUB, RCX, mem(R12, F(option_base)));
+      a.load64(RDX, mem(RAX, 8));
+      a.alu(Assembler::SUB, RDX, mem(R12, F(option_base)));
+      a.alu(Assembler::CMP, RCX, RDX);
+      a.jcc(A, error_stub(kMsgSubscript));
+      const std::uint32_t w = values::slot_width(type);
+      a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(w), 16));
+      return;
+    }
+    for (int k = 0; k < n; ++k) a.store64(mem(R12, F(subs) + 8 * k), g(d0 + k));
+    call(reinterpret_cast<const void*>(&helper_element), d0, reinterpret_cast<std::int64_t>(d), n, 3);
+    a.test(RAX, RAX);
+    a.jcc(E, error_stub(kMsgNone));
+  }
+  // A backward branch: count down, and every kPollInterval-th time ask
+  // whether the interpreter must take over (break key, events, closing).
+  void back_edge(int target) {
+    a.alu_imm(Assembler::SUB, R13, 1);
+    a.jcc(NE, labels_[static_cast<std::size_t>(target)]);
+    const int target_stmt = info(target).stmt;
+    a.mov_imm(R13, kPollInterval);
+    a.mov(ARG[0], R12);
+    a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
+    a.call(RAX);
+    a.test(RAX, RAX);
+    a.jcc(E, labels_[static_cast<std::size_t>(target)]);
+    a.jmp(exit_stub(target_stmt, kTransferResume));
+  }
+  void mirror_push(std::uint32_t key, std::uint32_t kind, std::int32_t room_field) {
+    a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
+    a.jcc(AE, resume_here());
+    a.cmp32_mem(mem(R12, room_field), 0);
+    a.jcc(LE, resume_here());
+    a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(key));
+    a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kind));
+    a.alu_imm(Assembler::ADD, R15, 16);
+    a.alu32_mem_imm(Assembler::SUB, mem(R12, room_field), 1);
+  }
+  void mirror_pop(std::int32_t room_field) {
+    a.alu_imm(Assembler::SUB, R15, 16);
+    a.alu32_mem_imm(Assembler::ADD, mem(R12, room_field), 1);
+  }
+
+  void prologue();
+  void emit_epilogue();
+  bool instruction(int i);
+  void compare(int i, std::uint8_t op, int d);
+  void arith(std::uint8_t op, int d);
+  void for_entry(int i, int d);
+  void next(int i);
+};
+
+void Gen::prologue() {
+  const Reg saved[] = {RBX, RBP, R12, R13, R14, R15, RSI, RDI};
+  const int nsaved = kWin64 ? 8 : 6;
+  for (int k = 0; k < nsaved; ++k) a.push(saved[k]);
+  // Return address + pushes + this keeps RSP 16-aligned at calls; Windows
+  // also wants 32 bytes of shadow space and keeps XMM6-XMM15 callee-saved.
+  const std::int32_t frame = kWin64 ? 8 + 32 + 160 : 8;
+  a.alu_imm(Assembler::SUB, RSP, frame);
+  if (kWin64)
+    for (int k = 0; k < 10; ++k) a.movups_store(mem(RSP, 32 + 16 * k), static_cast<Xmm>(6 + k));
+  a.mov(R12, ARG[0]);
+  a.load64(RBX, mem(R12, F(desc_base)));
+  a.load64(R15, mem(R12, F(mirror_top)));
+  a.load64(R13, mem(R12, F(poll)));
+}
+
+void Gen::emit_epilogue() {
+  a.bind(epilogue_);
+  a.store64(mem(R12, F(mirror_top)), R15);
+  a.store64(mem(R12, F(poll)), R13);
+  if (kWin64)
+    for (int k = 0; k < 10; ++k) a.movups_load(static_cast<Xmm>(6 + k), mem(RSP, 32 + 16 * k));
+  a.alu_imm(Assembler::ADD, RSP, kWin64 ? 8 + 32 + 160 : 8);
+  const Reg saved[] = {RBX, RBP, R12, R13, R14, R15, RSI, RDI};
+  const int nsaved = kWin64 ? 8 : 6;
+  for (int k = nsaved - 1; k >= 0; --k) a.pop(saved[k]);
+  a.ret();
+}
+
+// Relational operators; fused with a following branch-if-false.
+void Gen::compare(int i, std::uint8_t op, int d) {
+  const int da = d - 2, db = d - 1;
+  const bool ints = st_[static_cast<std::size_t>(da)].is_int() && st_[static_cast<std::size_t>(db)].is_int();
+  const bool fuse = i + 1 < count() && ins(i + 1).op == OP_BRANCH_FALSE && depth_[i + 1] >= 0 &&
+                    info(i + 1).role == kRoleNone;
+  int target = -1;
+  if (fuse) {
+    target = labels_[static_cast<std::size_t>(i + 1 + static_cast<std::int64_t>(ins(i + 1).operand) + 1)];
+    skip_[static_cast<std::size_t>(i + 1)] = true;
+  }
+  if (ints) {
+    a.alu(Assembler::CMP, g(da), g(db));
+    Cond c;
+    switch (op) {
+      case OP_EQ: c = E; break;
+      case OP_NE: c = NE; break;
+      case OP_LT: c = L; break;
+      case OP_LE: c = LE; break;
+      case OP_GT: c = G; break;
+      default: c = GE; break;
+    }
+    if (fuse) {
+      a.jcc(invert(c), target);
+      return;
+    }
+    a.setcc(c, RAX);
+    a.movzx8(RAX, RAX);
+    a.neg(RAX);
+    a.mov(g(da), RAX);
+    return;
+  }
+  to_double(X0, da);
+  to_double(X1, db);
+  Cond c;
+  switch (op) {
+    case OP_LT: a.ucomisd(X1, X0); c = A; break;
+    case OP_LE: a.ucomisd(X1, X0); c = AE; break;
+    case OP_GT: a.ucomisd(X0, X1); c = A; break;
+    case OP_GE: a.ucomisd(X0, X1); c = AE; break;
+    default: a.ucomisd(X0, X1); c = E; break;
+  }
+  if (fuse) {
+    if (op == OP_EQ) {
+      a.jcc(NE, target);
+      a.jcc(P, target);
+    } else if (op == OP_NE) {
+      const int skip = a.new_label();
+      a.jcc(P, skip);
+      a.jcc(E, target);
+      a.bind(skip);
+    } else {
+      a.jcc(invert(c), target);
+    }
+    return;
+  }
+  if (op == OP_EQ || op == OP_NE) {
+    a.setcc(op == OP_EQ ? E : NE, RAX);
+    a.setcc(op == OP_EQ ? NP : P, RCX);
+    a.movzx8(RAX, RAX);
+    a.movzx8(RCX, RCX);
+    a.alu(op == OP_EQ ? Assembler::AND : Assembler::OR, RAX, RCX);
+  } else {
+    a.setcc(c, RAX);
+    a.movzx8(RAX, RAX);
+  }
+  a.neg(RAX);
+  a.mov(g(da), RAX);
+}
+
+void Gen::arith(std::uint8_t op, int d) {
+  const int da = d - 2, db = d - 1;
+  const ValType ta = st_[static_cast<std::size_t>(da)], tb = st_[static_cast<std::size_t>(db)];
+  if (ta.is_int() && tb.is_int()) {
+    switch (op) {
+      case OP_ADD: a.alu(Assembler::ADD, g(da), g(db)); a.jcc(O, error_stub(kMsgOverflow)); return;
+      case OP_SUB: a.alu(Assembler::SUB, g(da), g(db)); a.jcc(O, error_stub(kMsgOverflow)); return;
+      case OP_MUL: a.imul(g(da), g(db)); a.jcc(O, error_stub(kMsgOverflow)); return;
+      case OP_IDIV:
+      case OP_MOD: {
+        a.test(g(db), g(db));
+        a.jcc(E, error_stub(kMsgDivisionByZero));
+        const int normal = a.new_label(), done = a.new_label();
+        a.alu_imm(Assembler::CMP, g(db), -1);
+        a.jcc(NE, normal);
+        if (op == OP_MOD) {
+          a.mov_imm(g(da), 0);
+        } else {
+          a.neg(g(da));
+          a.jcc(O, error_stub(kMsgOverflow));
+        }
+        a.jmp(done);
+        a.bind(normal);
+        a.mov(RAX, g(da));
+        a.cqo();
+        a.idiv(g(db));
+        a.mov(g(da), op == OP_MOD ? RDX : RAX);
+        a.bind(done);
+        return;
+      }
+      case OP_AND: a.alu(Assembler::AND, g(da), g(db)); return;
+      case OP_OR: a.alu(Assembler::OR, g(da), g(db)); return;
+      case OP_XOR: a.alu(Assembler::XOR, g(da), g(db)); return;
+      case OP_EQV: a.alu(Assembler::XOR, g(da), g(db)); a.not_(g(da)); return;
+      case OP_IMP: a.not_(g(da)); a.alu(Assembler::OR, g(da), g(db)); return;
+      default: break;
+    }
+  }
+  if (op == OP_ADD || op == OP_SUB || op == OP_MUL || op == OP_DIV) {
+    const std::uint8_t rt = info_result_.type;
+    to_double(X0, da);
+    to_double(X1, db);
+    if (op == OP_DIV) {
+      const int nonzero = a.new_label();
+      a.xorpd(X10, X10);
+      a.ucomisd(X1, X10);
+      a.jcc(P, nonzero);
+      a.jcc(E, error_stub(kMsgDivisionByZero));
+      a.bind(nonzero);
+    }
+    switch (op) {
+      case OP_ADD: a.addsd(X0, X1); break;
+      case OP_SUB: a.subsd(X0, X1); break;
+      case OP_MUL: a.mulsd(X0, X1); break;
+      default: a.divsd(X0, X1); break;
+    }
+    if (rt == values::kSingle) round_single(X0);
+    a.movapd(x(da), X0);
+    return;
+  }
+  // Everything else through the interpreter's own operator routine.
+  values::Op vop;
+  switch (op) {
+    case OP_POW: vop = values::Op::Pow; break;
+    case OP_IDIV: vop = values::Op::IntDiv; break;
+    case OP_MOD: vop = values::Op::Mod; break;
+    case OP_AND: vop = values::Op::And; break;
+    case OP_OR: vop = values::Op::Or; break;
+    case OP_XOR: vop = values::Op::Xor; break;
+    case OP_EQV: vop = values::Op::Eqv; break;
+    default: vop = values::Op::Imp; break;
+  }
+  to_tmp(0, da);
+  to_tmp(1, db);
+  call(reinterpret_cast<const void*>(&helper_binop), da, static_cast<std::int64_t>(vop), 0, 2);
+  a.test(RAX, RAX);
+  a.jcc(E, error_stub(kMsgNone));
+  from_tmp(da, info_result_);
+}
+
+void Gen::for_entry(int i, int d) {
+  const int slot = ins(i).count;
+  const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const int ds = d - 3, dl = d - 2, dt = d - 1;
+  const ValType tl = st_[static_cast<std::size_t>(dl)], tt = st_[static_cast<std::size_t>(dt)];
+  // A NaN limit or step is "Illegal function call".
+  for (int k : {dl, dt}) {
+    if (!st_[static_cast<std::size_t>(k)].is_float()) continue;
+    a.ucomisd(x(k), x(k));
+    a.jcc(P, error_stub(kMsgIllegalCall));
+  }
+  store_to(ds, f.var_type, var(f.d), d);
+  const std::int32_t fs = F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot));
+  const std::int32_t o_limit_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_i));
+  const std::int32_t o_limit_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_d));
+  const std::int32_t o_step_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_i));
+  const std::int32_t o_step_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_d));
+  const std::int32_t o_sign = fs + static_cast<std::int32_t>(offsetof(ForSlot, sign));
+  if (tl.is_int()) a.store64(mem(R12, o_limit_i), g(dl));
+  to_double(X0, dl);
+  a.movsd(mem(R12, o_limit_d), X0);
+  if (tt.is_int()) a.store64(mem(R12, o_step_i), g(dt));
+  to_double(X1, dt);
+  a.movsd(mem(R12, o_step_d), X1);
+  if (!f.step_const) {
+    if (tt.is_int()) {
+      a.alu_imm(Assembler::CMP, g(dt), 0);
+    } else {
+      a.xorpd(X10, X10);
+      a.ucomisd(X1, X10);
+    }
+    a.setcc(tt.is_int() ? G : A, RAX);
+    a.setcc(tt.is_int() ? L : B, RCX);
+    a.movzx8(RAX, RAX);
+    a.movzx8(RCX, RCX);
+    a.alu(Assembler::SUB, RAX, RCX);
+    a.store64(mem(R12, o_sign), RAX);
+  }
+  mirror_push(for_key(slot), kMirrorFor, F(for_room));
+  a.store8_imm(mem(R12, F(live) + slot), 1);
+  // The entry test: a loop can run zero times.
+  const int body = a.new_label(), past = a.new_label();
+  auto test = [&](int sign) {
+    if (sign == 0) return;
+    if (values::is_integer_type(f.var_type) && tl.is_int()) {
+      load_from(0, f.var_type, var(f.d));
+      a.alu(Assembler::CMP, g(0), mem(R12, o_limit_i));
+      a.jcc(sign > 0 ? G : L, past);
+    } else {
+      if (values::is_integer_type(f.var_type)) {
+        load_from(0, f.var_type, var(f.d));
+        a.cvtsi2sd(X0, g(0));
+      } else if (f.var_type == values::kSingle) {
+        a.cvtss2sd(X0, var(f.d));
+      } else {
+        a.movsd(X0, var(f.d));
+      }
+      a.ucomisd(X0, mem(R12, o_limit_d));
+      a.jcc(sign > 0 ? A : B, past);
+    }
+  };
+  if (f.step_const) {
+    test(f.step_sign);
+  } else {
+    const int neg = a.new_label();
+    a.cmp32_mem(mem(R12, o_sign), 0);
+    a.jcc(E, body);
+    a.jcc(L, neg);
+    test(1);
+    a.jmp(body);
+    a.bind(neg);
+    test(-1);
+  }
+  a.jmp(body);
+  a.bind(past);
+  mirror_pop(F(for_room));
+  a.store8_imm(mem(R12, F(live) + slot), 0);
+  a.jmp(labels_[ins(i).position]);
+  a.bind(body);
+}
+
+void Gen::next(int i) {
+  const int slot = ins(i).count;
+  const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const std::int32_t fs = F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot));
+  const std::int32_t o_limit_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_i));
+  const std::int32_t o_limit_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_d));
+  const std::int32_t o_step_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_i));
+  const std::int32_t o_step_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_d));
+  const std::int32_t o_sign = fs + static_cast<std::int32_t>(offsetof(ForSlot, sign));
+  // Only the loop on top of the mirror is stepped here; anything else is the
+  // interpreter's to sort out.
+  a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(for_key(slot)));
+  a.jcc(NE, resume_here());
+  const int done = a.new_label(), again = a.new_label();
+  const Mem v = var(f.d);
+  const bool int_limit = f.limit.is_int();
+  auto beyond = [&](int sign) {
+    if (sign == 0) return;
+    if (values::is_integer_type(f.var_type)) {
+      if (int_limit) {
+        a.alu(Assembler::CMP, RAX, mem(R12, o_limit_i));
+        a.jcc(sign > 0 ? G : L, done);
+      } else {
+        a.cvtsi2sd(X0, RAX);
+        a.ucomisd(X0, mem(R12, o_limit_d));
+        a.jcc(sign > 0 ? A : B, done);
+      }
+    } else {
+      a.ucomisd(X0, mem(R12, o_limit_d));
+      a.jcc(sign > 0 ? A : B, done);
+    }
+  };
+  if (values::is_integer_type(f.var_type)) {
+    switch (f.var_type) {
+      case values::kInteger: a.load_s16(RAX, v); break;
+      case values::kLong: a.load_s32(RAX, v); break;
+      default: a.load64(RAX, v); break;
+    }
+    a.alu(Assembler::ADD, RAX, mem(R12, o_step_i));
+    a.jcc(O, error_stub(kMsgOverflow));
+    if (f.var_type == values::kInteger) {
+      a.sx16(RCX, RAX);
+      a.alu(Assembler::CMP, RCX, RAX);
+      a.jcc(NE, error_stub(kMsgOverflow));
+      a.store16(v, RAX);
+    } else if (f.var_type == values::kLong) {
+      a.sx32(RCX, RAX);
+      a.alu(Assembler::CMP, RCX, RAX);
+      a.jcc(NE, error_stub(kMsgOverflow));
+      a.store32(v, RAX);
+    } else {
+      a.store64(v, RAX);
+    }
+  } else {
+    if (f.var_type == values::kSingle) a.cvtss2sd(X0, v);
+    else a.movsd(X0, v);
+    a.addsd(X0, mem(R12, o_step_d));
+    if (f.var_type == values::kSingle) {
+      a.cvtsd2ss(X0, X0);
+      a.cvtss2sd(X0, X0);
+    }
+    check_finite(X0);
+    if (f.var_type == values::kSingle) {
+      a.cvtsd2ss(X1, X0);
+      a.movss(v, X1);
+    } else {
+      a.movsd(v, X0);
+    }
+  }
+  if (f.step_const) {
+    beyond(f.step_sign);
+  } else {
+    const int neg = a.new_label();
+    a.cmp32_mem(mem(R12, o_sign), 0);
+    a.jcc(E, again);
+    a.jcc(L, neg);
+    beyond(1);
+    a.jmp(again);
+    a.bind(neg);
+    beyond(-1);
+  }
+  a.bind(again);
+  back_edge(static_cast<int>(ins(i).position));
+  a.bind(done);
+  mirror_pop(F(for_room));
+  a.store8_imm(mem(R12, F(live) + slot), 0);
+}
+
+bool Gen::instruction(int i) {
+  const Instr& in = ins(i);
+  const int d = depth_[i];
+  stmt_ = info(i).stmt;
+  info_result_ = info(i).result;
+  switch (in.op) {
+    case OP_STATEMENT:
+      if (info(i).role == kRoleForCheck) {
+        const int slot = info(i).id;
+        std::vector<int> group = rc_.fors[static_cast<std::size_t>(slot)].same_var;
+        group.push_back(slot);
+        for (int s : group) {
+          a.cmp8_mem(mem(R12, F(live) + s), 0);
+          a.jcc(NE, resume_here());
+        }
+        a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
+        a.jcc(AE, resume_here());
+        a.cmp32_mem(mem(R12, F(for_room)), 0);
+        a.jcc(LE, resume_here());
+      }
+      break;
+    case OP_PUSH_CONST:
+      if (in.type <= values::kInt64) {
+        a.mov_imm(g(d), static_cast<std::int64_t>(in.operand));
+      } else {
+        a.mov_imm(RAX, static_cast<std::int64_t>(in.operand));
+        a.movq(x(d), RAX);
+      }
+      break;
+    case OP_PUSH_VAR: load_from(d, in.type, var(info(i).d)); break;
+    case OP_NEG:
+      if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
+        a.neg(g(d - 1));
+        a.jcc(O, error_stub(kMsgOverflow));
+      } else {
+        a.mov_imm(RAX, static_cast<std::int64_t>(0x8000000000000000ull));
+        a.movq(X0, RAX);
+        a.xorpd(x(d - 1), X0);
+      }
+      break;
+    case OP_NOT:
+      if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
+        a.not_(g(d - 1));
+      } else {
+        to_tmp(0, d - 1);
+        call(reinterpret_cast<const void*>(&helper_unary), d - 1, 100, 0, 2);
+        a.test(RAX, RAX);
+        a.jcc(E, error_stub(kMsgNone));
+        from_tmp(d - 1, info_result_);
+      }
+      break;
+    case OP_ADD: case OP_SUB: case OP_MUL: case OP_DIV: case OP_IDIV: case OP_MOD: case OP_POW:
+    case OP_AND: case OP_OR: case OP_XOR: case OP_EQV: case OP_IMP:
+      arith(in.op, d);
+      break;
+    case OP_POW_CONST: {
+      to_tmp(0, d - 1);
+      const std::int32_t b1 = F(tmp) + static_cast<std::int32_t>(sizeof(values::Value));
+      a.store8_imm(mem(R12, b1 + kValueType), static_cast<std::uint8_t>(in.count));
+      a.store64_imm(mem(R12, b1 + kValuePayload), in.type);
+      call(reinterpret_cast<const void*>(&helper_binop), d - 1, static_cast<std::int64_t>(values::Op::Pow), 0, 2);
+      a.test(RAX, RAX);
+      a.jcc(E, error_stub(kMsgNone));
+      from_tmp(d - 1, info_result_);
+      break;
+    }
+    case OP_EQ: case OP_NE: case OP_LT: case OP_LE: case OP_GT: case OP_GE:
+      compare(i, in.op, d);
+      break;
+    case OP_SQR: case OP_SIN: case OP_COS: case OP_TAN: case OP_ATN: case OP_LOG: case OP_EXP:
+    case OP_ABS: case OP_SGN: case OP_INT: case OP_FIX: case OP_CSNG: case OP_CDBL:
+    case OP_SINH: case OP_COSH: case OP_TANH: {
+      values::NumFn fn;
+      switch (in.op) {
+        case OP_SQR: fn = values::NumFn::Sqr; break;
+        case OP_SIN: fn = values::NumFn::Sin; break;
+        case OP_COS: fn = values::NumFn::Cos; break;
+        case OP_TAN: fn = values::NumFn::Tan; break;
+        case OP_ATN: fn = values::NumFn::Atn; break;
+        case OP_LOG: fn = values::NumFn::Log; break;
+        case OP_EXP: fn = values::NumFn::Exp; break;
+        case OP_ABS: fn = values::NumFn::Abs; break;
+        case OP_SGN: fn = values::NumFn::Sgn; break;
+        case OP_INT: fn = values::NumFn::Int; break;
+        case OP_FIX: fn = values::NumFn::Fix; break;
+        case OP_CSNG: fn = values::NumFn::Csng; break;
+        case OP_CDBL: fn = values::NumFn::Cdbl; break;
+        case OP_SINH: fn = values::NumFn::Sinh; break;
+        case OP_COSH: fn = values::NumFn::Cosh; break;
+        default: fn = values::NumFn::Tanh; break;
+      }
+      if ((in.op == OP_INT || in.op == OP_FIX) && st_[static_cast<std::size_t>(d - 1)].is_int()) break;
+      to_tmp(0, d - 1);
+      call(reinterpret_cast<const void*>(&helper_unary), d - 1, static_cast<std::int64_t>(fn), 0, 2);
+      a.test(RAX, RAX);
+      a.jcc(E, error_stub(kMsgNone));
+      from_tmp(d - 1, info_result_);
+      break;
+    }
+    case OP_STORE_VAR: store_to(d - 1, in.type, var(info(i).d), d - 1); break;
+    case OP_DISCARD: break;
+    case OP_JUMP: {
+      const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
+      if (info(i).role == kRoleWend) {
+        a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(while_key(info(i).id)));
+        a.jcc(NE, resume_here());
+        mirror_pop(F(while_room));
+        back_edge(target);
+      } else if (target <= i) {
+        back_edge(target);
+      } else {
+        a.jmp(labels_[static_cast<std::size_t>(target)]);
+      }
+      break;
+    }
+    case OP_BRANCH_FALSE: {
+      const int target = labels_[static_cast<std::size_t>(i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1)];
+      if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
+        a.test(g(d - 1), g(d - 1));
+        a.jcc(E, target);
+      } else {
+        const int truth = a.new_label();
+        a.xorpd(X0, X0);
+        a.ucomisd(x(d - 1), X0);
+        a.jcc(P, truth);  // NaN is true
+        a.jcc(E, target);
+        a.bind(truth);
+      }
+      if (info(i).role == kRoleWhileTest) mirror_push(while_key(info(i).id), kMirrorWhile, F(while_room));
+      break;
+    }
+    case OP_GOTO_LOCAL: {
+      const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
+      if (target <= i) back_edge(target);
+      else a.jmp(labels_[static_cast<std::size_t>(target)]);
+      break;
+    }
+    case OP_GOTO_LINE:
+      a.store32_imm(mem(R12, F(exit_target)), static_cast<std::int32_t>(in.gen));
+      a.store32_imm(mem(R12, F(exit_stmt)), stmt_);
+      a.mov_imm(RAX, kTransferGoto);
+      a.jmp(epilogue_);
+      break;
+    case OP_GOSUB_LOCAL: {
+      const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
+      mirror_push(kMirrorGosub << 16 | static_cast<std::uint32_t>(info(i).id), kMirrorGosub, F(gosub_room));
+      a.lea_rip(RAX, labels_[static_cast<std::size_t>(i + 1)]);
+      a.store64(mem(R15, -8), RAX);
+      back_edge(target);
+      break;
+    }
+    case OP_RETURN:
+      a.cmp32_mem(mem(R15, -12), static_cast<std::int32_t>(kMirrorGosub));
+      a.jcc(NE, exit_stub(stmt_, kTransferReturn));
+      mirror_pop(F(gosub_room));
+      a.jmp_mem(mem(R15, 8));
+      break;
+    case OP_GOSUB_LINE: a.jmp(exit_stub(stmt_, kTransferGosub)); break;
+    case OP_FALLBACK: a.jmp(exit_stub(stmt_, kTransferResume)); break;
+    case OP_END: a.jmp(exit_stub(stmt_, kTransferEnd)); break;
+    case OP_PRINT:
+    case OP_LOCATE:
+    case OP_COLOR:
+      call(reinterpret_cast<const void*>(&helper_statement), 0, static_cast<std::int64_t>(in.operand), stmt_, 3);
+      a.test(RAX, RAX);
+      a.jcc(E, error_stub(kMsgNone));
+      break;
+    case OP_FOR: for_entry(i, d); break;
+    case OP_NEXT: next(i); break;
+    case OP_LOAD_ELEM: {
+      const int n = in.count;
+      element_address(d - n, n, info(i).d, in.type);
+      load_from(d - n, in.type, mem(RAX, 0));
+      break;
+    }
+    case OP_STORE_ELEM: {
+      const int n = in.count;
+      // The element was addressed before the value was computed, into the
+      // first subscript's register.
+      store_to(d - 1, in.type, mem(g(d - 1 - n), 0), d - 1);
+      break;
+    }
+    default:
+      return false;  // not produced by the compiler
+  }
+  // The stack's types after the instruction.
+  int out;
+  (void)stack_effect(in, d, &out);
+  st_.resize(static_cast<std::size_t>(out));
+  if (out > 0 && produces_value(in.op)) st_[static_cast<std::size_t>(out - 1)] = info_result_;
+  // An array store's element is addressed as soon as its subscripts are known.
+  if (info(i).store_addr > 0) {
+    const int n = info(i).store_addr;
+    const int j = info(i).id;
+    element_address(out - n, n, info(j).d, ins(j).type);
+    a.mov(g(out - n), RAX);
+    st_[static_cast<std::size_t>(out - n)] = ValType{values::kInt64, 0};
+  }
+  return true;
+}
+
+bool Gen::run() {
+  labels_.resize(static_cast<std::size_t>(count()));
+  for (int& l : labels_) l = a.new_label();
+  skip_.assign(static_cast<std::size_t>(count()), false);
+  offsets.assign(static_cast<std::size_t>(count()), 0);
+  epilogue_ = a.new_label();
+  prologue();
+  for (int i = 0; i < count(); ++i) {
+    // Loop heads are 8-byte aligned (statement entries).
+    if (ins(i).op == OP_STATEMENT) a.align(8);
+    a.bind(labels_[static_cast<std::size_t>(i)]);
+    offsets[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(a.size());
+    if (depth_[i] < 0 || skip_[static_cast<std::size_t>(i)]) continue;
+    st_.resize(static_cast<std::size_t>(depth_[i]));
+    if (!instruction(i)) return false;
+  }
+  a.ud2();  // nothing falls off the end: the last instruction always leaves
+  for (std::size_t k = 0; k < cold_.size(); ++k) cold_[k]();
+  emit_epilogue();
+  return a.resolve();
+}
+
+}  // namespace
+
+const char* generate(const RegionCode& rc, const int* depth, NativeCode* out) {
+  Gen gen(rc, depth);
+  if (!gen.run()) return "JIT code generation failed";
+  const std::size_t page = 4096;
+  const std::size_t size = (gen.a.size() + page - 1) / page * page;
+  auto* block = static_cast<std::uint8_t*>(host::exec_alloc(size));
+  if (!block) return "JIT executable memory allocation failed";
+  std::memcpy(block, gen.a.code.data(), gen.a.size());
+  if (!host::exec_protect(block, size)) {
+    host::exec_free(block, size);
+    return "JIT executable memory protection failed";
+  }
+  out->block = block;
+  out->block_size = size;
+  out->code_size = gen.a.size();
+  out->entry = reinterpret_cast<RegionEntry>(block);
+  out->offsets = std::move(gen.offsets);
+  return nullptr;
+}
+
+void release(NativeCode* code) {
+  if (code->block) host::exec_free(code->block, code->block_size);
+  *code = NativeCode{};
+}
+
+}  // namespace jit

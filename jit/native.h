@@ -1,0 +1,92 @@
+// The native side of compiled regions: the frame generated code works in,
+// the runtime helpers it calls, and the code generator's entry point.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+#include "core/token.h"
+#include "jit/region.h"
+#include "values/types.h"
+#include "values/variables.h"
+
+namespace jit {
+
+// The loops and GOSUBs native code has open, in the order the interpreter
+// would have pushed them; handed to the interpreter's stacks on every exit.
+struct MirrorEntry {
+  std::uint32_t key;   // kind << 16 | id
+  std::uint32_t kind;  // kMirrorFor, kMirrorWhile, kMirrorGosub
+  std::uint64_t ret;   // GOSUB: native address to return to
+};
+enum : std::uint32_t { kMirrorFor = 1, kMirrorWhile = 2, kMirrorGosub = 3 };
+constexpr int kMirrorCapacity = 256;
+constexpr int kMaxForSlots = 64;
+constexpr std::int64_t kPollInterval = 1024;  // backward branches between polls
+
+struct ForSlot {
+  std::int64_t limit_i;
+  double limit_d;
+  std::int64_t step_i;
+  double step_d;
+  std::int64_t sign;
+};
+
+struct NativeFrame {
+  std::int64_t spill[8];    // evaluation-stack slots around helper calls
+  double spill_f[8];
+  values::Value tmp[2];     // helper operands and results
+  std::int64_t subs[8];     // subscripts for the multi-dimensional helper
+  std::uint8_t* desc_base;  // the descriptor table
+  std::int64_t option_base;
+  MirrorEntry* mirror_top;
+  MirrorEntry* mirror_limit;
+  std::int64_t poll;
+  std::int32_t exit_stmt;
+  std::int32_t error_msg;   // an inline check's message (kMsg*), 0 when a helper raised
+  std::int32_t exit_target; // GOTO leaving the region: the target's line index
+  std::int32_t for_room, while_room, gosub_room;
+  ForSlot fors[kMaxForSlots];
+  std::uint8_t live[kMaxForSlots];  // FOR slot open (or blocked by an interpreter loop)
+  MirrorEntry sentinel;             // below the mirror: never matches a key
+  MirrorEntry mirror[kMirrorCapacity];
+};
+
+enum : std::int32_t {
+  kMsgNone = 0,
+  kMsgOverflow,
+  kMsgDivisionByZero,
+  kMsgSubscript,
+  kMsgWrongSubscripts,
+  kMsgNotDimensioned,
+  kMsgIllegalCall,
+};
+const char* inline_message(std::int32_t msg);
+
+// Transfer codes native code returns (0: an error is pending).
+enum : int { kTransferResume = 1, kTransferGoto = 2, kTransferGosub = 3, kTransferReturn = 4, kTransferEnd = 5 };
+
+using RegionEntry = int (*)(NativeFrame* frame, int level);
+
+struct NativeCode {
+  std::uint8_t* block = nullptr;  // code, then (page-aligned) nothing else
+  std::size_t block_size = 0;
+  std::size_t code_size = 0;
+  RegionEntry entry = nullptr;
+  std::vector<std::uint32_t> offsets;  // native offset of each instruction (listing)
+};
+
+// Verified bytecode to executable memory. On failure returns the message
+// ("JIT executable memory allocation failed", ...) and leaves nothing behind.
+const char* generate(const RegionCode& rc, const int* depth, NativeCode* out);
+void release(NativeCode* code);
+
+// Runtime helpers (called from generated code).
+int helper_binop(NativeFrame* f, int op);
+int helper_unary(NativeFrame* f, int code);
+int helper_f2i(NativeFrame* f);
+void* helper_element(NativeFrame* f, values::Descriptor* d, int n);
+int helper_statement(NativeFrame* f, const core::Token* t, int stmt);
+int helper_poll(NativeFrame* f);
+extern const RegionCode* running_code;  // the region a helper runs for
+
+}  // namespace jit
