@@ -461,7 +461,9 @@ Result Compiler::assignment(const Token*& t) {
     if (at >= 0) {
       info(at).d = d;
       info(at).result = v;
+      info(addr_at).id = static_cast<std::int16_t>(at);
     }
+    emit(OP_DISCARD);  // the stored value stays on the stack
     return bad ? Result::Fallback : Result::Ok;
   }
   if (t->kind != '=') return Result::Fallback;
