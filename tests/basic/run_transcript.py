@@ -12,6 +12,9 @@ A transcript is a set of sections, each opened by a line "--- <kind> [arg]":
   --- exit N          the expected exit code (0 when absent)
   --- env NAME=VALUE  an environment variable for the run
 
+Each transcript runs twice, with TAMBRIL_JIT=ON and =OFF (unless it sets
+TAMBRIL_JIT itself), and must pass both times.
+
 Lines before the first section and lines starting with "#" before a section are comments.
 """
 import argparse
@@ -71,7 +74,22 @@ def main():
     a = ap.parse_args()
 
     sections = parse(a.test)
+    # Compiled code is invisible: every transcript must give the same output
+    # with the JIT on (the default) and off.
+    modes = ["ON", "OFF"]
+    for kind, _ in sections:
+        if kind.startswith("env TAMBRIL_JIT="):
+            modes = [None]
+    for mode in modes:
+        if run_once(a, sections, mode) != 0:
+            return 1
+    return 0
+
+
+def run_once(a, sections, jit_mode):
     args, stdin, expected, code, env = [], "", None, 0, dict(os.environ)
+    if jit_mode is not None:
+        env["TAMBRIL_JIT"] = jit_mode
     with tempfile.TemporaryDirectory(prefix="tambril-tt-") as scratch:
         for kind, body in sections:
             if kind == "args":
@@ -96,7 +114,7 @@ def main():
             p = subprocess.run(cmd, input=stdin.encode("utf-8"), capture_output=True,
                                cwd=scratch, env=env, timeout=a.timeout)
         except subprocess.TimeoutExpired:
-            print("TIMEOUT after %ss: %s" % (a.timeout, " ".join(cmd)))
+            print("TIMEOUT after %ss (JIT %s): %s" % (a.timeout, jit_mode, " ".join(cmd)))
             return 1
     out = p.stdout.decode("utf-8", errors="replace").replace("\r\n", "\n")
     actual = out.split("\n")
@@ -106,7 +124,7 @@ def main():
     if expected is not None:
         if len(actual) != len(expected) or not all(line_matches(e, g) for e, g in zip(expected, actual)):
             ok = False
-            print("OUTPUT MISMATCH in %s" % a.test)
+            print("OUTPUT MISMATCH in %s (JIT %s)" % (a.test, jit_mode))
             n = max(len(expected), len(actual))
             for i in range(n):
                 e = expected[i] if i < len(expected) else "<none>"
@@ -117,7 +135,7 @@ def main():
                     print("%s %3d got      %r" % (mark, i + 1, g))
     if p.returncode != code:
         ok = False
-        print("EXIT CODE %d, expected %d" % (p.returncode, code))
+        print("EXIT CODE %d, expected %d (JIT %s)" % (p.returncode, code, jit_mode))
     if not ok and p.stderr:
         print("stderr:\n" + p.stderr.decode("utf-8", errors="replace"))
     return 0 if ok else 1

@@ -1,0 +1,223 @@
+#!/usr/bin/env python3
+"""Random programs run with the JIT on and off: the output must be identical.
+
+Programs mix what compiled code runs natively (integer and floating scalars of
+every type, arrays, FOR/NEXT with any step, WHILE/WEND, one-line IF/THEN/ELSE,
+GOTO, GOSUB/RETURN, PRINT) with what makes it fall back or fail (overflow,
+division by zero, subscripts out of range, ON ERROR with RESUME NEXT, string
+statements inside loops). Many programs go to one session (NEW, lines, RUN),
+so thousands run in a few processes; a batch that differs is split down to
+the single program, which is printed.
+
+  differential.py --exe build/tambril --count 2000 [--seed N] [--runner wine]
+"""
+import argparse
+import os
+import random
+import shlex
+import subprocess
+import sys
+
+INT_VARS = ["A%", "B%", "C%", "I&", "J&", "K&&", "L&&"]
+FLT_VARS = ["X!", "Y!", "Z#", "W#", "V"]
+ARRAYS = [("P%", 10), ("Q&&", 10), ("R#", 10), ("S!", 10)]
+
+
+class Gen:
+    def __init__(self, rnd):
+        self.r = rnd
+
+    def const(self):
+        r = self.r
+        k = r.random()
+        if k < 0.45:
+            return str(r.choice([0, 1, 2, 3, 5, 7, 10, 100, 255, 1000, 32767, 30000, 65536, 2147483647]))
+        if k < 0.6:
+            return str(r.randint(0, 50))
+        if k < 0.75:
+            return r.choice(["0.5", "1.5", "2.25", ".1", "3.7", "1E10", "1E30", "0.1#", "2.5#", "1D300"])
+        if k < 0.85:
+            return r.choice(["4000000000&&", "9223372036854775807&&", "123456789&", "40000&"])
+        return str(r.randint(-9, 9))
+
+    def var(self):
+        return self.r.choice(INT_VARS + FLT_VARS)
+
+    def element(self, depth):
+        name, _ = self.r.choice(ARRAYS)
+        return "%s(%s)" % (name, self.subscript(depth))
+
+    def subscript(self, depth):
+        r = self.r
+        if r.random() < 0.7:
+            return str(r.randint(0, 11) if r.random() < 0.1 else r.randint(0, 10))
+        return "(%s) MOD 11" % self.expr(depth + 1) if r.random() < 0.5 else self.var()
+
+    def expr(self, depth=0):
+        r = self.r
+        if depth > 3 or r.random() < 0.3:
+            k = r.random()
+            if k < 0.4:
+                return self.const()
+            if k < 0.85:
+                return self.var()
+            return self.element(depth)
+        k = r.random()
+        if k < 0.55:
+            op = r.choice(["+", "-", "*", "+", "-", "*", "/", "\\", " MOD ", "^", " AND ", " OR ", " XOR ",
+                           "=", "<>", "<", "<=", ">", ">="])
+            return "%s%s%s" % (self.expr(depth + 1), op, self.expr(depth + 1))
+        if k < 0.7:
+            return "(%s)" % self.expr(depth + 1)
+        if k < 0.78:
+            return "-" + self.expr(depth + 1)
+        if k < 0.82:
+            return "NOT " + self.expr(depth + 1)
+        fn = r.choice(["ABS", "INT", "FIX", "SGN", "SQR", "SIN", "COS", "ATN", "LOG", "EXP", "CSNG", "CDBL", "TANH"])
+        return "%s(%s)" % (fn, self.expr(depth + 1))
+
+    def simple(self, loopvars):
+        r = self.r
+        k = r.random()
+        if k < 0.45:
+            target = self.var()
+            while target in loopvars:
+                target = self.var()
+            return "%s = %s" % (target, self.expr())
+        if k < 0.65:
+            return "%s = %s" % (self.element(1), self.expr())
+        if k < 0.8:
+            return "PRINT %s" % "; ".join(self.expr(2) for _ in range(r.randint(1, 3)))
+        if k < 0.88:
+            return "IF %s THEN %s ELSE %s" % (self.expr(1), self.simple_flat(loopvars), self.simple_flat(loopvars))
+        if k < 0.93:
+            return "IF %s THEN %s" % (self.expr(1), self.simple_flat(loopvars))
+        if k < 0.97:
+            return "GOSUB 9000"
+        return 'T$ = "s" + STR$(%s)' % self.expr(2)
+
+    def simple_flat(self, loopvars):
+        r = self.r
+        target = self.var()
+        while target in loopvars:
+            target = self.var()
+        k = r.random()
+        if k < 0.6:
+            return "%s = %s" % (target, self.expr(1))
+        if k < 0.8:
+            return "PRINT %s" % self.expr(1)
+        return "GOSUB 9000"
+
+    def program(self):
+        r = self.r
+        lines = []
+        n = 10
+        if r.random() < 0.4:
+            lines.append("%d ON ERROR GOTO 8000" % n)
+            n += 10
+        lines.append("%d DIM P%%(10), Q&&(10), R#(10), S!(10)" % n)
+        n += 10
+        for v in INT_VARS + FLT_VARS:
+            if r.random() < 0.6:
+                lines.append("%d %s = %s" % (n, v, self.const()))
+                n += 10
+        loopvars = []
+        for _ in range(r.randint(3, 9)):
+            k = r.random()
+            if k < 0.35 and len(loopvars) < 3:
+                v = r.choice(["I%", "J&", "K&&", "Z#", "X!"])
+                if v in loopvars:
+                    continue
+                start, stop = r.randint(-3, 3), r.randint(-3, 12)
+                step = r.choice(["", "", " STEP 2", " STEP -1", " STEP 0.5", " STEP 3"])
+                if step == " STEP 0.5" and v[-1] in "%&":
+                    step = ""
+                lines.append("%d FOR %s = %d TO %d%s" % (n, v, start, stop, step))
+                n += 10
+                loopvars.append(v)
+                for _ in range(r.randint(1, 4)):
+                    lines.append("%d %s" % (n, self.simple(loopvars)))
+                    n += 10
+                lines.append("%d NEXT %s" % (n, v))
+                n += 10
+                loopvars.pop()
+            elif k < 0.5:
+                lines.append("%d C%% = 0" % n)
+                n += 10
+                lines.append("%d WHILE C%% < %d" % (n, r.randint(0, 6)))
+                n += 10
+                for _ in range(r.randint(1, 3)):
+                    lines.append("%d %s" % (n, self.simple(["C%"])))
+                    n += 10
+                lines.append("%d C%% = C%% + 1: WEND" % n)
+                n += 10
+            elif k < 0.55:
+                lines.append("%d IF %s THEN %d" % (n, self.expr(1), n + 20))
+                n += 10
+                lines.append("%d %s" % (n, self.simple([])))
+                n += 10
+            else:
+                lines.append("%d %s" % (n, self.simple([])))
+                n += 10
+        lines.append("%d PRINT \"END\"; A%%; I&; K&&; X!; Z#; V; P%%(3); R#(4)" % n)
+        lines.append("%d END" % (n + 10))
+        lines.append("8000 PRINT \"ERR\"; ERR; ERL: RESUME NEXT")
+        lines.append("9000 L&& = L&& + 1: RETURN")
+        return lines
+
+
+def run(exe, runner, programs, jit, timeout):
+    text = []
+    for i, prog in enumerate(programs):
+        text.append("NEW")
+        text.extend(prog)
+        text.append("PRINT \"=== %d\"" % i)
+        text.append("RUN")
+    env = dict(os.environ, TAMBRIL_JIT=jit)
+    cmd = shlex.split(runner) + [exe, "--headless", "--no-banner"]
+    p = subprocess.run(cmd, input=("\n".join(text) + "\n").encode("latin-1"), capture_output=True,
+                       env=env, timeout=timeout)
+    return p.stdout.decode("utf-8", errors="replace")
+
+
+def find_difference(exe, runner, programs, timeout):
+    if len(programs) == 1:
+        return programs[0]
+    half = len(programs) // 2
+    for part in (programs[:half], programs[half:]):
+        if run(exe, runner, part, "ON", timeout) != run(exe, runner, part, "OFF", timeout):
+            return find_difference(exe, runner, part, timeout)
+    return programs[0]
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--exe", required=True)
+    ap.add_argument("--runner", default="")
+    ap.add_argument("--count", type=int, default=2000)
+    ap.add_argument("--batch", type=int, default=100)
+    ap.add_argument("--seed", type=int, default=None)
+    ap.add_argument("--timeout", type=float, default=300)
+    a = ap.parse_args()
+    seed = a.seed if a.seed is not None else random.randrange(1 << 30)
+    rnd = random.Random(seed)
+    gen = Gen(rnd)
+    done = 0
+    while done < a.count:
+        programs = [gen.program() for _ in range(min(a.batch, a.count - done))]
+        on = run(a.exe, a.runner, programs, "ON", a.timeout)
+        off = run(a.exe, a.runner, programs, "OFF", a.timeout)
+        if on != off:
+            prog = find_difference(a.exe, a.runner, programs, a.timeout)
+            print("JIT ON and OFF differ (seed %d) on this program:" % seed)
+            print("\n".join(prog))
+            print("--- JIT ON\n" + run(a.exe, a.runner, [prog], "ON", a.timeout))
+            print("--- JIT OFF\n" + run(a.exe, a.runner, [prog], "OFF", a.timeout))
+            return 1
+        done += len(programs)
+    print("%d programs, seed %d: JIT ON and OFF print the same" % (done, seed))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

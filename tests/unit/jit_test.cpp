@@ -1,0 +1,183 @@
+// The x86-64 encoder against bytes GNU as produced for the same
+// instructions, the bytecode verifier's messages, and executable memory
+// (never writable and executable at once; injected failures leave nothing).
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "host/platform.h"
+#include "jit/bytecode.h"
+#include "jit/native.h"
+#include "jit/x64.h"
+
+namespace jit {
+namespace {
+
+std::string hex(const std::vector<std::uint8_t>& b) {
+  std::string s;
+  char buf[4];
+  for (std::uint8_t c : b) {
+    std::snprintf(buf, sizeof buf, "%02x", c);
+    s += buf;
+  }
+  return s;
+}
+
+struct Golden {
+  const char* text;
+  std::function<void(Assembler&)> emit;
+  const char* bytes;
+};
+
+// The traps: RSP and R12 as a base need a SIB byte, RBP and R13 need a
+// displacement, R8-R15 need REX bits, small immediates take the imm8 form.
+TEST(Encoder, MatchesGnuAssembler) {
+  const Golden table[] = {
+      {"mov rax,[rsp]", [](Assembler& a) { a.load64(RAX, mem(RSP)); }, "488b0424"},
+      {"mov rax,[r12]", [](Assembler& a) { a.load64(RAX, mem(R12)); }, "498b0424"},
+      {"mov rax,[rbp]", [](Assembler& a) { a.load64(RAX, mem(RBP)); }, "488b4500"},
+      {"mov rax,[r13]", [](Assembler& a) { a.load64(RAX, mem(R13)); }, "498b4500"},
+      {"mov r9,[r12+0x100]", [](Assembler& a) { a.load64(R9, mem(R12, 0x100)); }, "4d8b8c2400010000"},
+      {"mov [rbx+8],r15", [](Assembler& a) { a.store64(mem(RBX, 8), R15); }, "4c897b08"},
+      {"add rsi,1", [](Assembler& a) { a.alu_imm(Assembler::ADD, RSI, 1); }, "4883c601"},
+      {"add rsi,1000", [](Assembler& a) { a.alu_imm(Assembler::ADD, RSI, 1000); }, "4881c6e8030000"},
+      {"sub r13,1", [](Assembler& a) { a.alu_imm(Assembler::SUB, R13, 1); }, "4983ed01"},
+      {"imul r8,r9", [](Assembler& a) { a.imul(R8, R9); }, "4d0fafc1"},
+      {"cmp rcx,[r12+0x40]", [](Assembler& a) { a.alu(Assembler::CMP, RCX, mem(R12, 0x40)); }, "493b4c2440"},
+      {"movsd xmm9,[r12+0x80]", [](Assembler& a) { a.movsd(X9, mem(R12, 0x80)); }, "f2450f108c2480000000"},
+      {"addsd xmm2,xmm10", [](Assembler& a) { a.addsd(X2, X10); }, "f2410f58d2"},
+      {"cvtsi2sd xmm3,r11", [](Assembler& a) { a.cvtsi2sd(X3, R11); }, "f2490f2adb"},
+      {"ucomisd xmm1,xmm0", [](Assembler& a) { a.ucomisd(X1, X0); }, "660f2ec8"},
+      {"movq rax,xmm8", [](Assembler& a) { a.movq(RAX, X8); }, "664c0f7ec0"},
+      {"mov r10,0x7ff0...", [](Assembler& a) { a.mov_imm(R10, 0x7FF0000000000000ll); }, "49ba000000000000f07f"},
+      {"mov esi,5", [](Assembler& a) { a.mov_imm(RSI, 5); }, "be05000000"},
+      {"mov rdi,-1", [](Assembler& a) { a.mov_imm(RDI, -1); }, "48c7c7ffffffff"},
+      {"lea rax,[rax+rcx*8+16]", [](Assembler& a) { a.lea(RAX, mem(RAX, RCX, 8, 16)); }, "488d44c810"},
+      {"movsx rbp,word [rbx+0x30]", [](Assembler& a) { a.load_s16(RBP, mem(RBX, 0x30)); }, "480fbf6b30"},
+      {"movsxd r14,[rbx+0x30]", [](Assembler& a) { a.load_s32(R14, mem(RBX, 0x30)); }, "4c637330"},
+      {"mov [rbx+0x30],si", [](Assembler& a) { a.store16(mem(RBX, 0x30), RSI); }, "66897330"},
+      {"setl al", [](Assembler& a) { a.setcc(L, RAX); }, "0f9cc0"},
+      {"movzx eax,al", [](Assembler& a) { a.movzx8(RAX, RAX); }, "0fb6c0"},
+      {"cmp dword [r15-16],0x10003", [](Assembler& a) { a.cmp32_mem(mem(R15, -16), 0x10003); }, "41817ff003000100"},
+      {"movups [rsp+32],xmm6", [](Assembler& a) { a.movups_store(mem(RSP, 32), X6); }, "0f11742420"},
+  };
+  for (const Golden& g : table) {
+    Assembler a;
+    g.emit(a);
+    EXPECT_EQ(hex(a.code), g.bytes) << g.text;
+  }
+}
+
+TEST(Encoder, BranchesUse32BitDisplacementsToTheirLabels) {
+  Assembler a;
+  const int back = a.new_label(), fwd = a.new_label();
+  a.bind(back);
+  a.jcc(NE, fwd);  // 6 bytes
+  a.jmp(back);     // 5 bytes
+  a.bind(fwd);
+  ASSERT_TRUE(a.resolve());
+  EXPECT_EQ(hex(a.code), "0f8505000000" "e9f5ffffff");
+  Assembler b;
+  b.jmp(b.new_label());
+  EXPECT_FALSE(b.resolve()) << "a label never bound";
+}
+
+Instr make(std::uint8_t op, std::int64_t operand = 0, std::uint16_t count = 0, std::uint32_t position = 0) {
+  Instr in{};
+  in.op = op;
+  in.operand = static_cast<std::uint64_t>(operand);
+  in.count = count;
+  in.position = position;
+  return in;
+}
+
+const char* verify(std::vector<Instr> list) {
+  std::vector<int> depth(list.size());
+  return verify_stack_flow(list.data(), static_cast<int>(list.size()), depth.data());
+}
+
+TEST(Verifier, AcceptsSoundListsAndNamesEachFault) {
+  EXPECT_EQ(verify({make(OP_PUSH_CONST), make(OP_PUSH_CONST), make(OP_ADD), make(OP_DISCARD), make(OP_END)}), nullptr);
+  EXPECT_STREQ(verify({make(0), make(OP_END)}), "JIT unknown bytecode opcode");
+  EXPECT_STREQ(verify({make(75), make(OP_END)}), "JIT unknown bytecode opcode");
+  EXPECT_STREQ(verify({make(OP_ADD), make(OP_END)}), "JIT stack-flow error");
+  EXPECT_STREQ(verify({make(OP_PUSH_CONST), make(OP_END)}), "JIT transfer stack imbalance");
+  EXPECT_STREQ(verify({make(OP_PUSH_CONST), make(OP_GOSUB_LOCAL, 0), make(OP_END)}), "JIT GOSUB stack imbalance");
+  EXPECT_STREQ(verify({make(OP_JUMP, 5), make(OP_END)}), "JIT branch error");
+  EXPECT_STREQ(verify({make(OP_PUSH_CONST), make(OP_PUSH_CONST), make(OP_PUSH_CONST), make(OP_FOR, 0, 0, 9), make(OP_END)}),
+               "JIT FOR branch error");
+  // One path arrives with a value, the other without.
+  EXPECT_STREQ(verify({make(OP_PUSH_CONST), make(OP_BRANCH_FALSE, 1), make(OP_PUSH_CONST), make(OP_DISCARD),
+                       make(OP_END)}),
+               "JIT stack-flow mismatch");
+  std::vector<Instr> deep(130, make(OP_PUSH_CONST));
+  deep.push_back(make(OP_END));
+  EXPECT_STREQ(verify(deep), "JIT stack-flow error") << "deeper than 128";
+}
+
+TEST(Verifier, StackEffectsOfCountedInstructions) {
+  int out;
+  ASSERT_TRUE(stack_effect(make(OP_LOAD_ELEM, 0, 3), 3, &out));
+  EXPECT_EQ(out, 1);
+  ASSERT_TRUE(stack_effect(make(OP_STORE_ELEM, 0, 2), 3, &out));
+  EXPECT_EQ(out, 1) << "the stored value stays";
+  ASSERT_TRUE(stack_effect(make(OP_OCT), 8, &out));
+  EXPECT_EQ(out, 1);
+  EXPECT_FALSE(stack_effect(make(0), 0, &out));
+}
+
+// A region of one statement that ends at once: enough to exercise memory.
+RegionCode tiny_region() {
+  RegionCode rc;
+  rc.code = {make(OP_STATEMENT, 0), make(OP_END)};
+  rc.info.resize(2);
+  rc.info[0].stmt = rc.info[1].stmt = 0;
+  rc.stmts.push_back(StmtInfo{0, 0, 0});
+  return rc;
+}
+
+int mapping_count() {
+  std::FILE* f = std::fopen("/proc/self/maps", "r");
+  if (!f) return -1;
+  int n = 0;
+  char line[512];
+  while (std::fgets(line, sizeof line, f)) ++n;
+  std::fclose(f);
+  return n;
+}
+
+TEST(ExecutableMemory, CodeRunsAndIsNeverWritableAndExecutable) {
+  const RegionCode rc = tiny_region();
+  const int depth[2] = {0, 0};
+  NativeCode code;
+  ASSERT_EQ(generate(rc, depth, &code), nullptr);
+  EXPECT_FALSE(host::any_writable_executable_mapping());
+  static NativeFrame frame;
+  frame.mirror_top = frame.mirror;
+  frame.poll = kPollInterval;
+  EXPECT_EQ(code.entry(&frame, 1), kTransferEnd);
+  EXPECT_EQ(frame.exit_stmt, 0);
+  release(&code);
+}
+
+TEST(ExecutableMemory, InjectedFailuresLeaveNothingBehind) {
+  const RegionCode rc = tiny_region();
+  const int depth[2] = {0, 0};
+  const int before = mapping_count();
+  NativeCode code;
+  host::exec_fail_next = 1;
+  EXPECT_STREQ(generate(rc, depth, &code), "JIT executable memory allocation failed");
+  EXPECT_EQ(code.block, nullptr);
+  host::exec_fail_next = 2;
+  EXPECT_STREQ(generate(rc, depth, &code), "JIT executable memory protection failed");
+  EXPECT_EQ(code.block, nullptr);
+  if (before >= 0) {
+    EXPECT_EQ(mapping_count(), before) << "the unprotected block was released";
+  }
+  EXPECT_EQ(host::exec_fail_next, 0);
+}
+
+}  // namespace
+}  // namespace jit
