@@ -158,8 +158,11 @@ class Gen {
   // A SINGLE result is rounded to binary32; infinity or NaN is "Overflow".
   void round_single(Xmm r) {
     a.cvtsd2ss(r, r);
+    a.movd(RAX, r);
+    a.alu32_imm(Assembler::AND, RAX, 0x7F800000);
+    a.alu32_imm(Assembler::CMP, RAX, 0x7F800000);
+    a.jcc(E, error_stub(kMsgOverflow));
     a.cvtss2sd(r, r);
-    check_finite(r);
   }
   void check_finite(Xmm r) {
     a.movq(RAX, r);
@@ -307,13 +310,21 @@ void Gen::prologue() {
   if (kWin64)
     for (int k = 0; k < 10; ++k) a.movups_store(mem(RSP, 32 + 16 * k), static_cast<Xmm>(6 + k));
   a.mov(R12, ARG[0]);
+  a.store64(mem(R12, F(saved_rsp)), RSP);
   a.load64(RBX, mem(R12, F(desc_base)));
   a.load64(R15, mem(R12, F(mirror_top)));
   a.load64(R13, mem(R12, F(poll)));
+  // The lowest the machine stack may go for native GOSUBs (16 bytes each).
+  a.load_s32(RCX, mem(R12, F(gosub_room)));
+  a.shl_imm(RCX, 4);
+  a.mov(RAX, RSP);
+  a.alu(Assembler::SUB, RAX, RCX);
+  a.store64(mem(R12, F(gosub_floor)), RAX);
 }
 
 void Gen::emit_epilogue() {
   a.bind(epilogue_);
+  a.load64(RSP, mem(R12, F(saved_rsp)));  // GOSUBs in progress leave their return addresses
   a.store64(mem(R12, F(mirror_top)), R15);
   a.store64(mem(R12, F(poll)), R13);
   if (kWin64)
@@ -748,9 +759,11 @@ bool Gen::instruction(int i) {
     case OP_JUMP: {
       const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
       if (info(i).role == kRoleWend) {
+        // The loop's mirror entry stays while the condition is tested again:
+        // the WHILE pops it when the loop ends, and an exit at the WHILE
+        // statement drops it (the interpreter's WEND would have popped it).
         a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(while_key(info(i).id)));
         a.jcc(NE, resume_here());
-        mirror_pop(F(while_room));
         back_edge(target);
       } else if (target <= i) {
         back_edge(target);
@@ -760,7 +773,21 @@ bool Gen::instruction(int i) {
       break;
     }
     case OP_BRANCH_FALSE: {
-      const int target = labels_[static_cast<std::size_t>(i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1)];
+      int target = labels_[static_cast<std::size_t>(i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1)];
+      const bool while_test = info(i).role == kRoleWhileTest;
+      const std::uint32_t wkey = while_test ? while_key(info(i).id) : 0;
+      if (while_test) {
+        // Leaving the loop: pop its entry when it is there (back from WEND).
+        const int exit = target, leave = a.new_label();
+        cold_.push_back([this, leave, exit, wkey] {
+          a.bind(leave);
+          a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(wkey));
+          a.jcc(NE, exit);
+          mirror_pop(F(while_room));
+          a.jmp(exit);
+        });
+        target = leave;
+      }
       if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
         a.test(g(d - 1), g(d - 1));
         a.jcc(E, target);
@@ -772,7 +799,13 @@ bool Gen::instruction(int i) {
         a.jcc(E, target);
         a.bind(truth);
       }
-      if (info(i).role == kRoleWhileTest) mirror_push(while_key(info(i).id), kMirrorWhile, F(while_room));
+      if (while_test) {
+        const int inside = a.new_label();
+        a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(wkey));
+        a.jcc(E, inside);
+        mirror_push(wkey, kMirrorWhile, F(while_room));
+        a.bind(inside);
+      }
       break;
     }
     case OP_GOTO_LOCAL: {
@@ -789,17 +822,33 @@ bool Gen::instruction(int i) {
       break;
     case OP_GOSUB_LOCAL: {
       const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
-      mirror_push(kMirrorGosub << 16 | static_cast<std::uint32_t>(info(i).id), kMirrorGosub, F(gosub_room));
-      a.lea_rip(RAX, labels_[static_cast<std::size_t>(i + 1)]);
-      a.store64(mem(R15, -8), RAX);
-      back_edge(target);
+      // The machine's own call and return: the return is always predicted.
+      // 16 bytes a level keep the stack aligned for helper calls.
+      a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
+      a.jcc(AE, resume_here());
+      a.lea(RAX, mem(RSP, -16));
+      a.alu(Assembler::CMP, RAX, mem(R12, F(gosub_floor)));
+      a.jcc(B, resume_here());
+      a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(kMirrorGosub << 16 | static_cast<std::uint32_t>(info(i).id)));
+      a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kMirrorGosub));
+      a.alu_imm(Assembler::ADD, R15, 16);
+      a.alu_imm(Assembler::SUB, RSP, 8);
+      {
+        const int enter = a.new_label(), after = a.new_label();
+        a.call(enter);
+        a.jmp(after);
+        a.bind(enter);
+        back_edge(target);
+        a.bind(after);
+      }
+      a.alu_imm(Assembler::ADD, RSP, 8);
       break;
     }
     case OP_RETURN:
       a.cmp32_mem(mem(R15, -12), static_cast<std::int32_t>(kMirrorGosub));
       a.jcc(NE, exit_stub(stmt_, kTransferReturn));
-      mirror_pop(F(gosub_room));
-      a.jmp_mem(mem(R15, 8));
+      a.alu_imm(Assembler::SUB, R15, 16);
+      a.ret();
       break;
     case OP_GOSUB_LINE: a.jmp(exit_stub(stmt_, kTransferGosub)); break;
     case OP_FALLBACK: a.jmp(exit_stub(stmt_, kTransferResume)); break;

@@ -704,6 +704,7 @@ Result Compiler::while_statement(const Token*& t) {
   if (!c.is_int() && !c.is_float()) return Result::Fallback;
   R.whiles.push_back(WhileInfo{line, pos});
   const int w = static_cast<int>(R.whiles.size()) - 1;
+  R.stmts[static_cast<std::size_t>(stmt)].while_id = static_cast<std::int16_t>(w);
   const int at = emit(OP_BRANCH_FALSE);
   if (at < 0) return Result::Fallback;
   info(at).role = kRoleWhileTest;

@@ -45,6 +45,8 @@ struct NativeFrame {
   std::int32_t error_msg;   // an inline check's message (kMsg*), 0 when a helper raised
   std::int32_t exit_target; // GOTO leaving the region: the target's line index
   std::int32_t for_room, while_room, gosub_room;
+  std::uint8_t* saved_rsp;   // the machine stack at entry (GOSUBs push below it)
+  std::uint8_t* gosub_floor; // the lowest it may go: the interpreter's GOSUB limit
   ForSlot fors[kMaxForSlots];
   std::uint8_t live[kMaxForSlots];  // FOR slot open (or blocked by an interpreter loop)
   MirrorEntry sentinel;             // below the mirror: never matches a key

@@ -27,6 +27,7 @@ struct StmtInfo {
   std::uint32_t line;
   std::uint32_t pos;
   std::uint8_t if_depth;
+  std::int16_t while_id = -1;  // a WHILE statement: its loop
 };
 
 struct ForInfo {

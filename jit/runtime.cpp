@@ -128,6 +128,12 @@ Region* compile(std::uint32_t line, std::uint32_t pos) {
 
 // The loops and GOSUBs native code has open go onto the interpreter's stacks.
 void hand_over(const Region& r, NativeFrame& f) {
+  // Leaving at a WHILE statement on the way back from its WEND: the
+  // interpreter's WEND would already have popped that loop.
+  const int w = r.rc.stmts[static_cast<std::size_t>(f.exit_stmt)].while_id;
+  if (w >= 0 && f.mirror_top > f.mirror && f.mirror_top[-1].kind == kMirrorWhile &&
+      static_cast<int>(f.mirror_top[-1].key & 0xFFFF) == w)
+    --f.mirror_top;
   for (MirrorEntry* e = f.mirror; e < f.mirror_top; ++e) {
     const int id = static_cast<int>(e->key & 0xFFFF);
     if (e->kind == kMirrorFor) {
@@ -164,6 +170,7 @@ bool run(Region* r, const core::Token*& t) {
   f.for_room = core::kMaxFor - core::for_depth();
   f.while_room = core::kMaxWhile - core::while_depth();
   f.gosub_room = core::kMaxGosub - core::gosub_depth();
+
   std::memset(f.live, 0, sizeof f.live);
   // A loop the interpreter has open on a variable this region loops over:
   // such a FOR is the interpreter's to run (it replaces that loop).

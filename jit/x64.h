@@ -70,6 +70,7 @@ class Assembler {
   void alu(Alu op, Reg d, Reg s) { rr(static_cast<std::uint8_t>(op * 8 + 1), s, d, true); }
   void alu(Alu op, Reg d, const Mem& m) { rm(static_cast<std::uint8_t>(op * 8 + 3), d, m, true); }
   void alu_imm(Alu op, Reg d, std::int32_t v);
+  void alu32_imm(Alu op, Reg d, std::int32_t v) { rex(false, 0, 0, d); byte(0x81); byte(static_cast<std::uint8_t>(0xC0 | op << 3 | (d & 7))); u32(static_cast<std::uint32_t>(v)); }
   void alu_mem_imm(Alu op, const Mem& m, std::int32_t v);  // 64-bit
   void alu32_mem_imm(Alu op, const Mem& m, std::int32_t v);
   void test(Reg a, Reg b) { rr(0x85, b, a, true); }
@@ -92,6 +93,8 @@ class Assembler {
   void jmp(Reg r) { rr(0xFF, static_cast<Reg>(4), r, false); }
   void jmp_mem(const Mem& m) { rm(0xFF, static_cast<Reg>(4), m, false); }
   void ret() { byte(0xC3); }
+  void call(int label) { byte(0xE8); ref(label); }
+  void movd(Reg d, Xmm s) { byte(0x66); rex(false, s, 0, d); byte(0x0F); byte(0x7E); byte(static_cast<std::uint8_t>(0xC0 | (s & 7) << 3 | (d & 7))); }
   void ud2() { byte(0x0F); byte(0x0B); }
 
   // --- SSE2 scalar double ----------------------------------------------
