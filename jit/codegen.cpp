@@ -184,7 +184,12 @@ class Gen {
         a.load64(RAX, mem(R12, F(tmp) + kValuePayload));
         r = RAX;
       }
-      if (type == values::kInteger) {
+      const bool fits = v.is_int() && ((type == values::kInteger && v.mag <= 32767.0) ||
+                                       (type == values::kLong && v.mag <= 2147483647.0));
+      if (fits) {
+        if (type == values::kInteger) a.store16(m, r);
+        else a.store32(m, r);
+      } else if (type == values::kInteger) {
         a.sx16(RCX, r);
         a.alu(Assembler::CMP, RCX, r);
         a.jcc(NE, error_stub(kMsgOverflow));
@@ -246,6 +251,22 @@ class Gen {
       a.jcc(E, error_stub(kMsgNotDimensioned));
       a.alu_mem_imm(Assembler::CMP, mem(RAX, 0), 1);
       a.jcc(NE, error_stub(kMsgWrongSubscripts));
+      const std::uint32_t width = values::slot_width(type);
+      if (values::option_base == 0 || values::option_base == 1) {
+        // OPTION BASE is part of the region's mode word: a constant here.
+        // One unsigned comparison covers both bounds.
+        if (values::option_base == 0) {
+          a.alu(Assembler::CMP, g(d0), mem(RAX, 8));
+          a.jcc(A, error_stub(kMsgSubscript));
+          a.lea(RAX, mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16));
+        } else {
+          a.lea(RCX, mem(g(d0), -1));
+          a.alu(Assembler::CMP, RCX, mem(RAX, 8));
+          a.jcc(AE, error_stub(kMsgSubscript));
+          a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(width), 16));
+        }
+        return;
+      }
       a.mov(RCX, g(d0));
       a.alu(Assembler::SUB, RCX, mem(R12, F(option_base)));
       a.load64(RDX, mem(RAX, 8));
@@ -288,6 +309,33 @@ class Gen {
   void mirror_pop(std::int32_t room_field) {
     a.alu_imm(Assembler::SUB, R15, 16);
     a.alu32_mem_imm(Assembler::ADD, mem(R12, room_field), 1);
+  }
+
+  // A branch-if-false at instruction bi: jump_if_false(label) emits the test.
+  void branch_false(int bi, const std::function<void(int)>& jump_if_false) {
+    int target = labels_[static_cast<std::size_t>(bi + static_cast<int>(static_cast<std::int64_t>(ins(bi).operand)) + 1)];
+    const bool while_test = info(bi).role == kRoleWhileTest;
+    const std::uint32_t wkey = while_test ? while_key(info(bi).id) : 0;
+    if (while_test) {
+      // Leaving the loop: pop its entry when it is there (back from WEND).
+      const int exit = target, leave = a.new_label();
+      cold_.push_back([this, leave, exit, wkey] {
+        a.bind(leave);
+        a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(wkey));
+        a.jcc(NE, exit);
+        mirror_pop(F(while_room));
+        a.jmp(exit);
+      });
+      target = leave;
+    }
+    jump_if_false(target);
+    if (while_test) {
+      const int inside = a.new_label();
+      a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(wkey));
+      a.jcc(E, inside);
+      mirror_push(wkey, kMirrorWhile, F(while_room));
+      a.bind(inside);
+    }
   }
 
   void prologue();
@@ -340,13 +388,8 @@ void Gen::emit_epilogue() {
 void Gen::compare(int i, std::uint8_t op, int d) {
   const int da = d - 2, db = d - 1;
   const bool ints = st_[static_cast<std::size_t>(da)].is_int() && st_[static_cast<std::size_t>(db)].is_int();
-  const bool fuse = i + 1 < count() && ins(i + 1).op == OP_BRANCH_FALSE && depth_[i + 1] >= 0 &&
-                    info(i + 1).role == kRoleNone;
-  int target = -1;
-  if (fuse) {
-    target = labels_[static_cast<std::size_t>(i + 1 + static_cast<std::int64_t>(ins(i + 1).operand) + 1)];
-    skip_[static_cast<std::size_t>(i + 1)] = true;
-  }
+  const bool fuse = i + 1 < count() && ins(i + 1).op == OP_BRANCH_FALSE && depth_[i + 1] >= 0;
+  if (fuse) skip_[static_cast<std::size_t>(i + 1)] = true;
   if (ints) {
     a.alu(Assembler::CMP, g(da), g(db));
     Cond c;
@@ -359,7 +402,7 @@ void Gen::compare(int i, std::uint8_t op, int d) {
       default: c = GE; break;
     }
     if (fuse) {
-      a.jcc(invert(c), target);
+      branch_false(i + 1, [&](int target) { a.jcc(invert(c), target); });
       return;
     }
     a.setcc(c, RAX);
@@ -368,28 +411,32 @@ void Gen::compare(int i, std::uint8_t op, int d) {
     a.mov(g(da), RAX);
     return;
   }
-  to_double(X0, da);
-  to_double(X1, db);
+  const Xmm xa = st_[static_cast<std::size_t>(da)].is_float() ? x(da) : X0;
+  const Xmm xb = st_[static_cast<std::size_t>(db)].is_float() ? x(db) : X1;
+  to_double(xa, da);
+  to_double(xb, db);
   Cond c;
   switch (op) {
-    case OP_LT: a.ucomisd(X1, X0); c = A; break;
-    case OP_LE: a.ucomisd(X1, X0); c = AE; break;
-    case OP_GT: a.ucomisd(X0, X1); c = A; break;
-    case OP_GE: a.ucomisd(X0, X1); c = AE; break;
-    default: a.ucomisd(X0, X1); c = E; break;
+    case OP_LT: a.ucomisd(xb, xa); c = A; break;
+    case OP_LE: a.ucomisd(xb, xa); c = AE; break;
+    case OP_GT: a.ucomisd(xa, xb); c = A; break;
+    case OP_GE: a.ucomisd(xa, xb); c = AE; break;
+    default: a.ucomisd(xa, xb); c = E; break;
   }
   if (fuse) {
-    if (op == OP_EQ) {
-      a.jcc(NE, target);
-      a.jcc(P, target);
-    } else if (op == OP_NE) {
-      const int skip = a.new_label();
-      a.jcc(P, skip);
-      a.jcc(E, target);
-      a.bind(skip);
-    } else {
-      a.jcc(invert(c), target);
-    }
+    branch_false(i + 1, [&](int target) {
+      if (op == OP_EQ) {
+        a.jcc(NE, target);
+        a.jcc(P, target);
+      } else if (op == OP_NE) {
+        const int skip = a.new_label();
+        a.jcc(P, skip);
+        a.jcc(E, target);
+        a.bind(skip);
+      } else {
+        a.jcc(invert(c), target);
+      }
+    });
     return;
   }
   if (op == OP_EQ || op == OP_NE) {
@@ -446,24 +493,28 @@ void Gen::arith(std::uint8_t op, int d) {
   }
   if (op == OP_ADD || op == OP_SUB || op == OP_MUL || op == OP_DIV) {
     const std::uint8_t rt = info_result_.type;
-    to_double(X0, da);
-    to_double(X1, db);
+    // The result goes straight into a's floating register.
+    if (ta.is_int()) a.cvtsi2sd(x(da), g(da));
+    Xmm xb = x(db);
+    if (tb.is_int()) {
+      a.cvtsi2sd(X1, g(db));
+      xb = X1;
+    }
     if (op == OP_DIV) {
       const int nonzero = a.new_label();
       a.xorpd(X10, X10);
-      a.ucomisd(X1, X10);
+      a.ucomisd(xb, X10);
       a.jcc(P, nonzero);
       a.jcc(E, error_stub(kMsgDivisionByZero));
       a.bind(nonzero);
     }
     switch (op) {
-      case OP_ADD: a.addsd(X0, X1); break;
-      case OP_SUB: a.subsd(X0, X1); break;
-      case OP_MUL: a.mulsd(X0, X1); break;
-      default: a.divsd(X0, X1); break;
+      case OP_ADD: a.addsd(x(da), xb); break;
+      case OP_SUB: a.subsd(x(da), xb); break;
+      case OP_MUL: a.mulsd(x(da), xb); break;
+      default: a.divsd(x(da), xb); break;
     }
-    if (rt == values::kSingle) round_single(X0);
-    a.movapd(x(da), X0);
+    if (rt == values::kSingle) round_single(x(da));
     return;
   }
   // Everything else through the interpreter's own operator routine.
@@ -772,42 +823,21 @@ bool Gen::instruction(int i) {
       }
       break;
     }
-    case OP_BRANCH_FALSE: {
-      int target = labels_[static_cast<std::size_t>(i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1)];
-      const bool while_test = info(i).role == kRoleWhileTest;
-      const std::uint32_t wkey = while_test ? while_key(info(i).id) : 0;
-      if (while_test) {
-        // Leaving the loop: pop its entry when it is there (back from WEND).
-        const int exit = target, leave = a.new_label();
-        cold_.push_back([this, leave, exit, wkey] {
-          a.bind(leave);
-          a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(wkey));
-          a.jcc(NE, exit);
-          mirror_pop(F(while_room));
-          a.jmp(exit);
-        });
-        target = leave;
-      }
-      if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
-        a.test(g(d - 1), g(d - 1));
-        a.jcc(E, target);
-      } else {
-        const int truth = a.new_label();
-        a.xorpd(X0, X0);
-        a.ucomisd(x(d - 1), X0);
-        a.jcc(P, truth);  // NaN is true
-        a.jcc(E, target);
-        a.bind(truth);
-      }
-      if (while_test) {
-        const int inside = a.new_label();
-        a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(wkey));
-        a.jcc(E, inside);
-        mirror_push(wkey, kMirrorWhile, F(while_room));
-        a.bind(inside);
-      }
+    case OP_BRANCH_FALSE:
+      branch_false(i, [&](int target) {
+        if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
+          a.test(g(d - 1), g(d - 1));
+          a.jcc(E, target);
+        } else {
+          const int truth = a.new_label();
+          a.xorpd(X0, X0);
+          a.ucomisd(x(d - 1), X0);
+          a.jcc(P, truth);  // NaN is true
+          a.jcc(E, target);
+          a.bind(truth);
+        }
+      });
       break;
-    }
     case OP_GOTO_LOCAL: {
       const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
       if (target <= i) back_edge(target);
@@ -901,9 +931,20 @@ bool Gen::run() {
   offsets.assign(static_cast<std::size_t>(count()), 0);
   epilogue_ = a.new_label();
   prologue();
+  // Statements that are branch targets (loop heads, jump targets) start on
+  // 8-byte boundaries; padding elsewhere would only be executed.
+  std::vector<bool> target(static_cast<std::size_t>(count()) + 1, false);
   for (int i = 0; i < count(); ++i) {
-    // Loop heads are 8-byte aligned (statement entries).
-    if (ins(i).op == OP_STATEMENT) a.align(8);
+    const Instr& in = ins(i);
+    if (in.op == OP_JUMP || in.op == OP_BRANCH_FALSE || in.op == OP_GOTO_LOCAL || in.op == OP_GOSUB_LOCAL) {
+      const std::int64_t t = i + static_cast<std::int64_t>(in.operand) + 1;
+      if (t >= 0 && t <= count()) target[static_cast<std::size_t>(t)] = true;
+    } else if (in.op == OP_FOR || in.op == OP_NEXT) {
+      if (in.position <= static_cast<std::uint32_t>(count())) target[in.position] = true;
+    }
+  }
+  for (int i = 0; i < count(); ++i) {
+    if (ins(i).op == OP_STATEMENT && target[static_cast<std::size_t>(i)]) a.align(8);
     a.bind(labels_[static_cast<std::size_t>(i)]);
     offsets[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(a.size());
     if (depth_[i] < 0 || skip_[static_cast<std::size_t>(i)]) continue;

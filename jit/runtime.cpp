@@ -49,6 +49,7 @@ std::uint32_t mode_word() {
   h ^= (values::table_generation() + 0x7F4A7C15u) * 0x85EBCA77u;
   h ^= (values::type_generation() + 0x165667B1u) * 0xC2B2AE3Du;
   h ^= epoch * 0x27D4EB2Fu;
+  h ^= static_cast<std::uint32_t>(values::option_base) * 0x61C88647u;
   return h ? h : 1;
 }
 
@@ -96,8 +97,7 @@ void write_listing(const Region& r) {
     const std::uint32_t to = i + 1 < rc.code.size() ? r.native.offsets[i + 1] : static_cast<std::uint32_t>(r.native.code_size);
     std::fprintf(f, "%4zu %-13s t=%u n=%u op=%lld  @%05x ", i, op_name(in.op), in.type, in.count,
                  static_cast<long long>(in.operand > 0xFFFFFFFFull ? 0 : in.operand), from);
-    for (std::uint32_t k = from; k < to && k < from + 24; ++k) std::fprintf(f, "%02x", r.native.block[k]);
-    if (to > from + 24) std::fprintf(f, "...");
+    for (std::uint32_t k = from; k < to; ++k) std::fprintf(f, "%02x", r.native.block[k]);
     std::fprintf(f, "\n");
   }
   std::fclose(f);
