@@ -55,6 +55,7 @@ struct ForFrame {
   bool fast;
   values::Descriptor* d;
   std::uint32_t generation;
+  int gosub_depth;            // GOSUB frames active when the loop began
   std::uint32_t line, token;  // behind the FOR statement
   std::uint32_t for_line, for_token;  // the FOR statement itself (FOR END scans from it)
   std::uint64_t serial;
@@ -69,6 +70,10 @@ struct WhileFrame {
 WhileFrame while_stack[kMaxWhile];
 int while_sp = 0;
 std::uint64_t loop_serial = 0;
+
+// A handler frame's token for a line that could not be tokenized: the fault
+// is the whole line, and RESUME NEXT goes on with the next one.
+constexpr std::uint32_t kWholeLine = 0xFFFFFFFFu;
 
 struct HandlerFrame {
   int kind;  // 1 error, 2 break
@@ -107,6 +112,13 @@ bool fail(const char* m) {
   return false;
 }
 
+// Only ":", ELSE or the end of the line may follow a statement; checked by
+// the statements that jump or stop, which the run loop's own check never sees.
+bool statement_ends(const Token* t) {
+  if (at_statement_end(t)) return true;
+  return fail("Syntax Error");
+}
+
 void print_line_suffix(std::uint32_t number) {
   char buf[16];
   std::snprintf(buf, sizeof buf, " in %u", number);
@@ -123,6 +135,9 @@ bool set_position(std::uint32_t line, std::uint32_t token, const Token*& t) {
   exec.line = line;
   program_running = line != kDirect;
   exec.base = tokens_for(line);
+  // The statement in hand belongs to this array from now on: an error raised
+  // before the next statement starts must not name one of another line.
+  exec.stmt = exec.base ? exec.base + token : nullptr;
   if (!exec.base) return false;
   t = exec.base + token;
   return true;
@@ -264,7 +279,9 @@ bool handle_error() {
         raise("Too many nested handlers");
         return true;
       }
-      handlers[handler_sp++] = {1, exec.line, token_index(exec.stmt ? exec.stmt : exec.base), exec.if_depth, gosub_sp};
+      // A line that failed to tokenize has no statements: the whole line faulted.
+      const std::uint32_t at = exec.stmt ? token_index(exec.stmt) : kWholeLine;
+      handlers[handler_sp++] = {1, exec.line, at, exec.if_depth, gosub_sp};
       (void)jump_to_line(on_error_line);
       return true;
     }
@@ -357,6 +374,7 @@ void run_loop(const Token* t) {
         screen::put_text(buf);
       }
     }
+    exec.stmt = t;
     if (++exec.counter == 0 && break_pressed()) {
       if (handle_break(t)) {
         exec.jumped = false;
@@ -405,7 +423,6 @@ void run_loop(const Token* t) {
       raise("Syntax Error");
       continue;
     }
-    exec.stmt = t;
     exec.continue_here = false;
     run_statement(t);
     values::statement_boundary();
@@ -530,7 +547,7 @@ bool target_index(const Token*& t, std::uint32_t* index) {
 void stmt_goto(const Token*& t) {
   ++t;
   std::uint32_t index;
-  if (!target_index(t, &index)) return;
+  if (!target_index(t, &index) || !statement_ends(t)) return;
   exec.running = true;
   request_jump(index, 0);
 }
@@ -538,10 +555,8 @@ void stmt_goto(const Token*& t) {
 void stmt_gosub(const Token*& t) {
   ++t;
   std::uint32_t index;
-  if (!target_index(t, &index)) return;
-  const Token* after = t;
-  skip_statement(after);
-  if (!push_return(exec.line, token_index(after))) return;
+  if (!target_index(t, &index) || !statement_ends(t)) return;
+  if (!push_return(exec.line, token_index(t))) return;
   exec.running = true;
   request_jump(index, 0);
 }
@@ -552,13 +567,14 @@ void stmt_return(const Token*& t) {
     raise("RETURN without GOSUB");
     return;
   }
-  const ReturnFrame f = gosub_stack[--gosub_sp];
   if (!at_statement_end(t)) {
     std::uint32_t n;
-    if (!eval_line_number(t, &n)) return;
+    if (!eval_line_number(t, &n) || !statement_ends(t)) return;
+    --gosub_sp;
     (void)jump_to_line(n);
     return;
   }
+  const ReturnFrame f = gosub_stack[--gosub_sp];
   if (f.line != kDirect) exec.running = true;
   exec.if_depth = f.if_depth;
   request_jump(f.line, f.token);
@@ -635,8 +651,10 @@ void stmt_for(const Token*& t) {
   values::Descriptor* d = values::scalar_of(var);
   if (!d || !values::store_value(d->value, d->type, start)) return;
   // Re-entering a loop of the same variable (a GOTO back to its FOR) replaces
-  // that loop instead of stacking a second one.
-  for (int i = for_sp - 1; i >= 0; --i)
+  // that loop and every loop inside it instead of stacking a second one. The
+  // search stops at the innermost GOSUB: a subroutine that reuses its
+  // caller's loop variable opens a loop of its own and leaves the caller's.
+  for (int i = for_sp - 1; i >= 0 && for_stack[i].gosub_depth >= gosub_sp; --i)
     if (frame_variable(for_stack[i]) == d) {
       for_sp = i;
       break;
@@ -661,6 +679,7 @@ void stmt_for(const Token*& t) {
   f.fast = !values::is_integer_type(limit.type) || (limit.i >= -(1ll << 53) && limit.i <= (1ll << 53));
   f.d = d;
   f.generation = values::table_generation();
+  f.gosub_depth = gosub_sp;
   f.line = exec.line;
   f.token = token_index(t);
   f.for_line = for_line;
@@ -934,6 +953,7 @@ void stmt_on(const Token*& t) {
     if (t->kind != ',') break;
     ++t;
   }
+  if (!statement_ends(t)) return;
   if (!have) return;  // 0 or beyond the list: fall through
   if (gosub && !push_return(exec.line, token_index(t))) return;
   if (!jump_to_line(chosen) && gosub) --gosub_sp;
@@ -945,6 +965,10 @@ void stmt_resume(const Token*& t) {
     raise("RESUME without error");
     return;
   }
+  if (t->kind == KW_NEXT && !at_statement_end(t + 1)) {
+    raise("Syntax Error");
+    return;
+  }
   const HandlerFrame f = handlers[--handler_sp];
   if (f.line != kDirect) exec.running = true;
   const bool zero = t->kind == kTokNumber && t->type <= values::kInt64 && t->i64() == 0 && at_statement_end(t + 1);
@@ -952,21 +976,34 @@ void stmt_resume(const Token*& t) {
     // RESUME and RESUME 0: the faulting statement again, inside the same IFs.
     if (zero) ++t;
     exec.if_depth = f.if_depth;
-    request_jump(f.line, f.token);
+    request_jump(f.line, f.token == kWholeLine ? 0 : f.token);
     return;
   }
   if (t->kind == KW_NEXT) {
     ++t;
+    exec.if_depth = f.if_depth;
+    if (f.token == kWholeLine) {
+      // The line never ran: go on with the next one, or end as its last line would.
+      if (f.line + 1 < program.lines) {
+        request_jump(f.line + 1, 0);
+      } else {
+        exec.running = false;
+        exec.stop_request = true;
+      }
+      return;
+    }
     const Token* base = tokens_for(f.line);
     if (!base) return;
     const Token* p = base + f.token;
-    skip_statement(p);
-    exec.if_depth = f.if_depth;
+    // An IF owns the rest of its line, and so does a stray ELSE (the one
+    // statement that starts at a separator): both resume at the line's end.
+    if (p->kind == KW_IF || p->kind == KW_ELSE) skip_to_line_end(p);
+    else skip_statement(p);
     request_jump(f.line, static_cast<std::uint32_t>(p - base));
     return;
   }
   std::int64_t k;
-  if (!values::eval_int64(t, &k)) return;  // a string target is "Type mismatch"
+  if (!values::eval_int64(t, &k) || !statement_ends(t)) return;  // a string target is "Type mismatch"
   if (k < 0 || k > static_cast<std::int64_t>(kMaxLineNumber)) {
     raise("Undefined line number");
     return;
@@ -977,6 +1014,7 @@ void stmt_resume(const Token*& t) {
 
 void stmt_stop(const Token*& t) {
   ++t;
+  if (!statement_ends(t)) return;
   // Resume behind the STOP: the next statement on the line, or the next line.
   const Token* r = t;
   if (r->kind == ':') ++r;
@@ -996,6 +1034,7 @@ void stmt_stop(const Token*& t) {
 
 void stmt_end(const Token*& t) {
   ++t;
+  if (!statement_ends(t)) return;
   if (close_all_files) close_all_files();
   exec.running = false;
   pause.can_continue = false;
@@ -1004,6 +1043,7 @@ void stmt_end(const Token*& t) {
 
 void stmt_system(const Token*& t) {
   ++t;
+  if (!statement_ends(t)) return;
   if (close_all_files) close_all_files();
   host::shell.exit_code.store(0);
   exec.running = false;
