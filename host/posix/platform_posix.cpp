@@ -18,9 +18,11 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "host/cp437.h"
 #include "host/platform.h"
+#include "host/posix/confine.h"
 
 extern "C" char end;  // the linker's symbol for the end of the loaded image
 
@@ -148,8 +150,53 @@ static std::string case_insensitive_match(const std::string& path) {
   return found;
 }
 
-std::FILE* open_file(const std::string& cp437_name, const char* mode) {
+// --- confinement (fuzzing) ----------------------------------------------
+
+static std::string jail;  // empty: no confinement
+
+// The absolute, lexically normalised form of a path ("." and ".." folded).
+static std::string normalised(const std::string& path) {
+  std::string full = path;
+  if (full.empty() || full[0] != '/') full = current_directory() + "/" + full;
+  std::vector<std::string> parts;
+  std::size_t i = 0;
+  while (i <= full.size()) {
+    const std::size_t j = full.find('/', i);
+    const std::string part = full.substr(i, j == std::string::npos ? std::string::npos : j - i);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    if (j == std::string::npos) break;
+    i = j + 1;
+  }
+  std::string out;
+  for (const std::string& p : parts) out += "/" + p;
+  return out.empty() ? "/" : out;
+}
+
+bool confine_files(const std::string& dir) {
+  char real[PATH_MAX];
+  if (!realpath(dir.c_str(), real)) return false;
+  jail = real;
+  return true;
+}
+
+// A BASIC file name as the system's path. Under confinement a path that
+// leaves the jail names a place that cannot exist, so every operation on it
+// fails as on a missing file. (No BASIC statement makes a symbolic link, so
+// the lexical check is the whole check.)
+static std::string native_name(const std::string& cp437_name) {
   std::string path = cp437_to_utf8(cp437_name);
+  if (jail.empty()) return path;
+  const std::string n = normalised(path);
+  if (n == jail || n.compare(0, jail.size() + 1, jail + "/") == 0) return path;
+  return "/nonexistent/outside-the-confinement";
+}
+
+std::FILE* open_file(const std::string& cp437_name, const char* mode) {
+  std::string path = native_name(cp437_name);
   if (access(path.c_str(), F_OK) != 0) {
     const std::string other = case_insensitive_match(path);
     if (!other.empty()) path = other;  // also when writing: replace that file
@@ -162,7 +209,7 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
 // The native name of an existing file or directory: the exact name, else one
 // that differs only in case (see case_insensitive_match).
 static std::string native_existing(const std::string& cp437_name) {
-  std::string path = cp437_to_utf8(cp437_name);
+  std::string path = native_name(cp437_name);
   if (access(path.c_str(), F_OK) != 0) {
     const std::string other = case_insensitive_match(path);
     if (!other.empty()) return other;
@@ -207,7 +254,7 @@ FileFault delete_file(const std::string& cp437_name) {
 FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new) {
   const std::string from = native_existing(cp437_old);
   if (access(from.c_str(), F_OK) != 0) return fault_from_errno(errno);
-  const std::string to = cp437_to_utf8(cp437_new);
+  const std::string to = native_name(cp437_new);
   if (access(to.c_str(), F_OK) == 0 || !case_insensitive_match(to).empty()) {
     // The same entry under another spelling of its case is a plain rename.
     struct stat a {}, b {};
@@ -226,7 +273,7 @@ FileFault replace_file(const std::string& cp437_from, const std::string& cp437_t
 }
 
 FileFault make_directory(const std::string& cp437_name) {
-  const std::string path = cp437_to_utf8(cp437_name);
+  const std::string path = native_name(cp437_name);
   if (!case_insensitive_match(path).empty()) return FileFault::exists;
   return result(mkdir(path.c_str(), 0777));
 }
