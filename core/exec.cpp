@@ -240,6 +240,7 @@ void record_pause(int reason, std::uint32_t line, std::uint32_t token) {
   pause.line = line;
   pause.token = token;
   pause.can_continue = line != kDirect;
+  if (exec.line != kDirect) last_run_interrupted = true;
 }
 
 // The break key: trapped by ON BREAK, else the program pauses with "Break".
@@ -509,6 +510,7 @@ void execute_direct_tokens(const Token* tokens) {
 void run_program(std::uint32_t start_index) {
   clear_run_state();
   last_run_failed = false;
+  last_run_interrupted = false;
   pause.can_continue = false;
   exec.stepping = false;
   if (start_index >= program.lines) return;
@@ -1066,6 +1068,7 @@ void stmt_cont(const Token*& t) {
   exec.stepping = step;
   exec.step_armed = step;
   pause.can_continue = false;  // this pause is used up; the next STOP records a new one
+  last_run_interrupted = false;
   if (pause.reason == 2) exec.resume_skip_line = pause.line;  // the breakpoint does not fire at once again
   exec.running = true;
   request_jump(pause.line, pause.token);

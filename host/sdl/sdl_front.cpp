@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -31,6 +32,15 @@ class Sdl final : public Frontend {
   bool init() {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "0");
     if (SDL_Init(SDL_INIT_VIDEO | SDL_INIT_EVENTS | SDL_INIT_TIMER) != 0) return false;
+    // Without a display SDL falls back to its off-screen or dummy driver: a
+    // window nobody can see or type into. Only a user who asked for one of
+    // them by SDL_VIDEODRIVER gets it.
+    const char* driver = SDL_GetCurrentVideoDriver();
+    const char* asked = SDL_getenv("SDL_VIDEODRIVER");
+    if (driver && (!std::strcmp(driver, "offscreen") || !std::strcmp(driver, "dummy")) && !(asked && *asked)) {
+      SDL_Quit();
+      return false;
+    }
     user_event_ = SDL_RegisterEvents(1);
     return user_event_ != static_cast<Uint32>(-1);
   }
