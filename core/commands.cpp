@@ -236,6 +236,10 @@ void stmt_delete(const Token*& t) {
     return;
   }
   while (index < program.lines && line_index[index].number <= to) delete_line(index);
+  // The running line's tokens are gone with the old program: a DELETE inside
+  // a program ends it, as LOAD does.
+  exec.stop_request = exec.running;
+  exec.running = false;
 }
 
 void stmt_auto(const Token*& t) {

@@ -491,6 +491,10 @@ void clear_run_state() {
 
 void program_changed() {
   pause.can_continue = false;  // breakpoints are line numbers and survive edits
+  // Every saved position (GOSUB returns, loops, handlers, the DATA pointer)
+  // names a line index and a token array of the old program: none survives.
+  reset_stacks();
+  if (restore_data) restore_data();
 }
 
 void execute_direct_tokens(const Token* tokens) {

@@ -288,12 +288,14 @@ std::string current_directory_cp437() {
   if (utf8_to_cp437(utf8, &out)) return out;
   out.clear();
   Utf8Decoder d;
-  for (unsigned char c : utf8) {
-    const std::int32_t u = d.feed(c);
-    if (u < 0) continue;
-    const int b = unicode_to_cp437(static_cast<char32_t>(u));
+  char32_t cps[2];
+  auto put = [&out](char32_t u) {
+    const int b = unicode_to_cp437(u);
     out += b < 0 ? '?' : static_cast<char>(b);
-  }
+  };
+  for (unsigned char c : utf8)
+    for (int i = 0, n = d.feed(c, cps); i < n; ++i) put(cps[i]);
+  if (d.finish(cps)) put(cps[0]);
   return out;
 }
 

@@ -426,12 +426,14 @@ class Sdl final : public Frontend {
     if ((mod & (KMOD_CTRL | KMOD_ALT)) && !((mod & KMOD_CTRL) && (mod & KMOD_ALT))) return;
     std::string cp;
     Utf8Decoder d;
+    char32_t cps[2];
     for (const char* p = utf8; *p; ++p) {
-      const std::int32_t u = d.feed(static_cast<std::uint8_t>(*p));
-      if (u < 32) continue;  // incomplete, or a control character
-      const int c = unicode_to_cp437(static_cast<char32_t>(u));
-      if (c < 0) continue;  // no code page 437 counterpart: swallowed
-      screen::keys.push_keydown(modifier_bits(mod), static_cast<std::uint16_t>(c), last_text_key_, last_text_repeat_);
+      for (int i = 0, n = d.feed(static_cast<std::uint8_t>(*p), cps); i < n; ++i) {
+        if (cps[i] < 32) continue;  // a control character
+        const int c = unicode_to_cp437(cps[i]);
+        if (c < 0) continue;  // no code page 437 counterpart: swallowed
+        screen::keys.push_keydown(modifier_bits(mod), static_cast<std::uint16_t>(c), last_text_key_, last_text_repeat_);
+      }
     }
   }
 
