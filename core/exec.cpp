@@ -276,6 +276,7 @@ bool handle_error() {
         screen::put_char(13);
       }
       err.flag = false;
+      err.note[0] = 0;  // the handler decides what the user hears
       if (handler_sp >= kMaxHandlers) {
         raise("Too many nested handlers");
         return true;

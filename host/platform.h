@@ -52,6 +52,12 @@ FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new
 // Atomic replacement: `from` takes the place of `to` (which may exist), and
 // the change of directory entry is on disk before this returns.
 FileFault replace_file(const std::string& cp437_from, const std::string& cp437_to);
+// A whole file written so that a crash or a full disk at any moment leaves
+// either the old file or the new one under the name, never a mixture: the
+// bytes go to name + ".TMP", are forced to the disk, and that file is renamed
+// over the old one. `created` tells whether the temporary file could be made
+// (false: nothing was written anywhere). On failure the temporary is removed.
+FileFault write_file_replacing(const std::string& cp437_name, const void* data, std::size_t n, bool* created);
 FileFault make_directory(const std::string& cp437_name);
 FileFault remove_directory(const std::string& cp437_name);
 FileFault change_directory(const std::string& cp437_name);
