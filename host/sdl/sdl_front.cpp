@@ -329,7 +329,10 @@ class Sdl final : public Frontend {
       }
     }
     switch (k) {
-      case SDLK_ESCAPE: return screen::kKeyEsc;
+      case SDLK_ESCAPE:
+      case SDLK_PAUSE:   // Pause, and Ctrl+Break (the same key with Ctrl)
+      case SDLK_CANCEL:  // what some keymaps make of Ctrl+Break
+        return screen::kKeyEsc;
       case SDLK_PAGEUP: return screen::kKeyPageUp;
       case SDLK_PAGEDOWN: return screen::kKeyPageDown;
       case SDLK_END: return screen::kKeyEnd;
