@@ -100,6 +100,7 @@ struct Timer {
   std::uint32_t line = 0;  // handler line number, 0 for none
   std::int64_t interval = 0;
   bool enabled = false;
+  bool held = false;  // TIMER STOP: an event that falls due waits for TIMER ON
   std::uint64_t due = 0;
 };
 Timer timers[8];
@@ -302,7 +303,7 @@ void ticker() {
     const std::uint64_t now = host::tick_ms();
     bool due = false;
     for (const Timer& tm : timers)
-      if (tm.enabled && tm.line && tm.interval > 0 && now >= tm.due) due = true;
+      if (tm.enabled && !tm.held && tm.line && tm.interval > 0 && now >= tm.due) due = true;
     if ((mouse_move_line && screen::mouse.moved.load()) ||
         ((mouse_click_line || mouse_double_line) && screen::has_clicks()))
       due = true;
@@ -324,7 +325,7 @@ bool dispatch_events(const Token* t) {
   }
   const std::uint64_t now = host::tick_ms();
   for (Timer& tm : timers) {
-    if (!(tm.enabled && tm.line && tm.interval > 0 && now >= tm.due)) continue;
+    if (!(tm.enabled && !tm.held && tm.line && tm.interval > 0 && now >= tm.due)) continue;
     tm.due = now + static_cast<std::uint64_t>(tm.interval);
     if (!push_return(exec.line, token_index(t))) return false;
     return jump_to_line(tm.line);
@@ -1161,6 +1162,39 @@ void stmt_break(const Token*& t) {
   }
 }
 
+namespace {
+
+// ON, OFF or STOP at t for one timer. STOP holds the timer's events; ON
+// after STOP delivers one that fell due meanwhile at once.
+bool timer_switch(const Token*& t, Timer* tm) {
+  if (t->kind == KW_ON) {
+    ++t;
+    if (!statement_ends(t)) return false;
+    if (!(tm->enabled && tm->held)) tm->due = host::tick_ms() + static_cast<std::uint64_t>(tm->interval);
+    else if (host::tick_ms() >= tm->due) event_pending.store(1);  // the held event, before the next statement
+    tm->enabled = true;
+    tm->held = false;
+    ensure_ticker();
+    return true;
+  }
+  if (t->kind == KW_STOP) {
+    ++t;
+    if (!statement_ends(t)) return false;
+    tm->held = true;
+    return true;
+  }
+  if (t->kind == kTokIdent && !std::strcmp(t->name(), "OFF")) {
+    ++t;
+    if (!statement_ends(t)) return false;
+    tm->enabled = false;
+    tm->held = false;
+    return true;
+  }
+  return fail("Syntax error");
+}
+
+}  // namespace
+
 void stmt_timer(const Token*& t) {
   t += 2;  // TIMER (
   std::int64_t n;
@@ -1183,19 +1217,17 @@ void stmt_timer(const Token*& t) {
     tm.due = host::tick_ms() + static_cast<std::uint64_t>(ms);
     return;
   }
-  if (t->kind == KW_ON) {
-    ++t;
-    tm.enabled = true;
-    tm.due = host::tick_ms() + static_cast<std::uint64_t>(tm.interval);
-    ensure_ticker();
-    return;
+  (void)timer_switch(t, &tm);
+}
+
+// TIMER ON | OFF | STOP: every timer at once.
+void stmt_timer_all(const Token*& t) {
+  ++t;
+  const Token* start = t;
+  for (Timer& tm : timers) {
+    t = start;
+    if (!timer_switch(t, &tm)) return;
   }
-  if (t->kind == kTokIdent && !std::strcmp(t->name(), "OFF")) {
-    ++t;
-    tm.enabled = false;
-    return;
-  }
-  raise("Syntax error");
 }
 
 }  // namespace core

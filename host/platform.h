@@ -98,6 +98,11 @@ void unlock_file(void* lock);
 // End of the executable image in memory (the IMAGEEND landmark).
 std::uint64_t image_end();
 
+// --- environment ------------------------------------------------------------
+// Set (or, with an empty value, remove) a variable of the process
+// environment that getenv reads. False when the system refuses.
+bool set_environment(const std::string& name, const std::string& value);
+
 // --- diagnostics ----------------------------------------------------------
 // A start-up failure box: caption "Tambril BASIC", error icon (stderr on Linux).
 void fatal_box(const char* text);

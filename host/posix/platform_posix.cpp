@@ -375,6 +375,11 @@ void unlock_file(void* lock) {
   close(fd);
 }
 
+bool set_environment(const std::string& name, const std::string& value) {
+  if (value.empty()) return unsetenv(name.c_str()) == 0;
+  return setenv(name.c_str(), value.c_str(), 1) == 0;
+}
+
 bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }
 
 char path_separator() { return '/'; }

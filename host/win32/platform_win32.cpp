@@ -4,6 +4,7 @@
 #include <io.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "host/cp437.h"
@@ -263,6 +264,12 @@ void* lock_file(const std::string& cp437_name) {
 
 void unlock_file(void* lock) {
   if (lock) CloseHandle(lock);
+}
+
+bool set_environment(const std::string& name, const std::string& value) {
+  // The C runtime's copy is the one getenv reads; _putenv_s also updates the
+  // process environment that child processes inherit.
+  return _putenv_s(name.c_str(), value.c_str()) == 0;
 }
 
 bool is_absolute_path(const std::string& path) {
