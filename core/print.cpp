@@ -21,10 +21,14 @@ namespace {
 
 constexpr std::uint32_t kZoneWidth = 14;
 
-void console_put(void*, std::uint8_t c) { screen::put_char(c); }
 std::uint32_t console_column(void*) {
   if (screen::con.capture_mode) return screen::con.capture_col;  // CAPTURE: the captured line's column
   return screen::con.col - screen::text_region().left;
+}
+void console_put(void*, std::uint8_t c) {
+  // WIDTH n: a full line ends before the next printable byte.
+  if (screen::con.print_width && c >= 32 && console_column(nullptr) >= screen::con.print_width) screen::put_char(13);
+  screen::put_char(c);
 }
 
 void put_bytes(OutSink& out, const char* p, std::uint32_t n) {
@@ -48,7 +52,9 @@ void next_zone(OutSink& out) {
 
 OutSink console_sink() {
   const screen::Region r = screen::text_region();
-  return OutSink{console_put, console_column, r.right - r.left + 1, nullptr};
+  std::uint32_t width = r.right - r.left + 1;
+  if (screen::con.print_width && screen::con.print_width < width) width = screen::con.print_width;
+  return OutSink{console_put, console_column, width, nullptr};
 }
 
 void sink_newline(OutSink& out) {

@@ -58,6 +58,14 @@ FileFault replace_file(const std::string& cp437_from, const std::string& cp437_t
 // over the old one. `created` tells whether the temporary file could be made
 // (false: nothing was written anywhere). On failure the temporary is removed.
 FileFault write_file_replacing(const std::string& cp437_name, const void* data, std::size_t n, bool* created);
+// OPEN's SHARED and LOCK clauses: what other openers of the file may do
+// while it is open here. open_file_shared fails with `in_use` when an
+// opener's own clause refuses this one (or this one refuses an opener).
+enum class Share { all, deny_read, deny_write, deny_both };
+std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Share share, FileFault* fault);
+// LOCK and UNLOCK: a byte range of an open file for this process alone;
+// false when another holder's range overlaps (or, unlocking, no such range).
+bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock);
 FileFault make_directory(const std::string& cp437_name);
 FileFault remove_directory(const std::string& cp437_name);
 FileFault change_directory(const std::string& cp437_name);

@@ -195,6 +195,7 @@ void reset_console() {
   con.has_window = false;
   con.has_viewport = false;
   con.full_screen_override = false;
+  con.print_width = 0;
   con.row = con.col = 0;
 }
 

@@ -28,6 +28,8 @@ struct Console {
   // While set, put_char does not offer bytes to the headless echo (the line
   // editor draws what the user typed; it is input, not output).
   bool echo_suppressed = false;
+  // WIDTH n: PRINT starts a new line after n columns of the region (0: at its edge).
+  std::uint32_t print_width = 0;
 };
 
 extern Console con;

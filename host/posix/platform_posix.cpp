@@ -208,6 +208,33 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
   return std::fopen(path.c_str(), mode);
 }
 
+std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Share share, FileFault* fault) {
+  *fault = FileFault::none;
+  std::FILE* f = open_file(cp437_name, mode);
+  if (!f) {
+    *fault = errno == ENOENT ? FileFault::not_found : errno == ENOTDIR ? FileFault::path_not_found : FileFault::denied;
+    return nullptr;
+  }
+  // Linux has no sharing modes: every open takes an advisory whole-file lock,
+  // shared for SHARED (and no clause), exclusive for any LOCK clause, so that
+  // the clauses refuse each other between programs as they do on Windows.
+  if (flock(fileno(f), (share == Share::all ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0) {
+    std::fclose(f);
+    *fault = FileFault::in_use;
+    return nullptr;
+  }
+  return f;
+}
+
+bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock) {
+  struct flock fl {};
+  fl.l_type = lock ? F_WRLCK : F_UNLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = static_cast<off_t>(start);
+  fl.l_len = static_cast<off_t>(length);
+  return fcntl(fileno(f), F_SETLK, &fl) == 0;
+}
+
 // --- files and directories --------------------------------------------------
 
 // The native name of an existing file or directory: the exact name, else one
