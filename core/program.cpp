@@ -242,7 +242,8 @@ bool read_source(std::FILE* f, LoadMode mode, std::vector<PendingLine>* out, std
         ++file_line;
         continue;
       }
-      if (c == '\t' && mode != LoadMode::chain) {
+      const bool chain = mode == LoadMode::chain || mode == LoadMode::chain_merge;
+      if (c == '\t' && !chain) {
         do {
           if (len >= 299) return fail("Line too long");
           line[len++] = ' ';
@@ -250,7 +251,7 @@ bool read_source(std::FILE* f, LoadMode mode, std::vector<PendingLine>* out, std
         continue;
       }
       if (len >= 299) {
-        if (mode == LoadMode::chain) continue;  // CHAIN cuts long lines instead
+        if (chain) continue;  // CHAIN cuts long lines instead
         return fail("Line too long");
       }
       line[len++] = static_cast<char>(c);
@@ -344,7 +345,7 @@ bool load_source(const std::string& name, LoadMode mode) {
   std::FILE* f = host::open_file(name, "rb");
   if (!f) return fail("File not found");
   ++program.loading;
-  if (mode != LoadMode::merge) program_clear();
+  if (mode == LoadMode::load || mode == LoadMode::chain) program_clear();
   std::vector<PendingLine> lines;
   std::string pool;
   std::uint32_t stopped_at = 1;

@@ -378,30 +378,60 @@ void stmt_bload(const Token*& t) {
     core::raise("Invalid memory address");
 }
 
-// CHAIN f$[, line]: replace the program and run it (from the line given),
-// keeping the COMMON variables and the open files.
+// CHAIN [MERGE] f$ [, [line] [, [ALL] [, DELETE range]]]: replace the
+// program (or, with MERGE, merge the file into it after deleting the DELETE
+// range: an overlay) and run it from the line given, keeping the open files
+// and the COMMON variables (every variable with ALL).
 void stmt_chain(const Token*& t) {
   ++t;
+  const bool merge = t->kind == core::KW_MERGE;
+  if (merge) ++t;
   values::Value v;
   if (!string_value(t, &v)) return;
   std::string name;
   if (!core::resolve_source_name(v.s.ptr, v.s.len, &name)) return;
-  bool has_line = false;
-  std::uint32_t number = 0;
+  bool has_line = false, all = false, remove = false;
+  std::uint32_t number = 0, from = 0, to = 0;
   if (t->kind == ',') {
     ++t;
-    if (!core::eval_line_number(t, &number)) return;
-    has_line = true;
+    if (t->kind != ',' && !core::at_statement_end(t)) {
+      if (!core::eval_line_number(t, &number)) return;
+      has_line = true;
+    }
+    if (t->kind == ',') {
+      ++t;
+      if (t->kind == core::kTokIdent && !std::strcmp(t->name(), "ALL")) {
+        ++t;
+        all = true;
+      }
+      if (t->kind == ',') {
+        ++t;
+        // DELETE belongs to overlays: it removes lines of the program that stays.
+        if (t->kind != core::KW_DELETE || !merge) {
+          core::raise("Syntax error");
+          return;
+        }
+        ++t;
+        bool single;
+        if (!core::parse_range(t, &from, &to, &single)) return;
+        remove = true;
+      }
+    }
   }
   if (!end_of_statement(t)) return;
   if (host::path_kind(name) != 1) {
     core::raise("File not found");
     return;
   }
-  const std::string common = encode_variables(is_common);
+  const std::string kept = encode_variables(all ? nullptr : is_common);
   const int base = values::option_base;
   const std::uint32_t here = core::current_line_number();
-  if (!core::load_source(name, core::LoadMode::chain)) {
+  if (remove) {
+    std::uint32_t index;
+    (void)core::find_line(from, &index);
+    while (index < core::program.lines && core::line_index[index].number <= to) core::delete_line(index);
+  }
+  if (!core::load_source(name, merge ? core::LoadMode::chain_merge : core::LoadMode::chain)) {
     // The old program is gone and the new one partial: nothing of the old
     // run (handlers, stacks, variables) applies, and the error names the CHAIN.
     core::run_program(core::program.lines);
@@ -421,7 +451,7 @@ void stmt_chain(const Token*& t) {
   core::run_program(index);
   keep_files_once = false;
   values::option_base = base;
-  (void)decode_variables(common, true, "Internal error");
+  (void)decode_variables(kept, true, "Internal error");
 }
 
 }  // namespace files
