@@ -1010,12 +1010,17 @@ void stmt_resume(const Token*& t) {
     request_jump(f.line, static_cast<std::uint32_t>(p - base));
     return;
   }
+  // The target is checked while the handler is still active: a bad RESUME
+  // line stops the program instead of being trapped by its own handler.
+  ++handler_sp;
   std::int64_t k;
+  std::uint32_t index;
   if (!values::eval_int64(t, &k) || !statement_ends(t)) return;  // a string target is "Type mismatch"
-  if (k < 0 || k > static_cast<std::int64_t>(kMaxLineNumber)) {
+  if (k < 0 || k > static_cast<std::int64_t>(kMaxLineNumber) || !find_line(static_cast<std::uint32_t>(k), &index)) {
     raise("Undefined line number");
     return;
   }
+  --handler_sp;
   if (f.gosub_sp < gosub_sp) gosub_sp = f.gosub_sp;  // frames opened inside the handler
   (void)jump_to_line(static_cast<std::uint32_t>(k));
 }
