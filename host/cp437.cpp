@@ -57,6 +57,8 @@ int Utf8Decoder::feed(std::uint8_t b, char32_t out[2]) {
       return n;
     }
     need_ = 0;
+    lo_ = 0x80;
+    hi_ = 0xBF;
     out[n++] = 0xFFFD;  // the sequence ends here; b is looked at afresh
   }
   if (b < 0x80) {
