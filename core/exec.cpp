@@ -327,6 +327,10 @@ bool dispatch_events(const Token* t) {
   for (Timer& tm : timers) {
     if (!(tm.enabled && !tm.held && tm.line && tm.interval > 0 && now >= tm.due)) continue;
     tm.due = now + static_cast<std::uint64_t>(tm.interval);
+    // Other timers due as well get their turn at the next statement, not at
+    // the ticker's next look.
+    for (const Timer& o : timers)
+      if (o.enabled && !o.held && o.line && o.interval > 0 && now >= o.due) event_pending.store(1);
     if (!push_return(exec.line, token_index(t))) return false;
     return jump_to_line(tm.line);
   }
