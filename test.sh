@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Install what is missing, build, and run every test: the Release build, a
-# Debug build with AddressSanitizer and UBSan, and the Windows build under Wine.
+# Debug build with AddressSanitizer and UBSan, the fuzz targets (clang), and
+# the Windows build under Wine.
 set -euo pipefail
 cd "$(dirname "$0")"
 scripts/deps.sh test
@@ -11,6 +12,12 @@ ctest --test-dir build -j "$jobs" --output-on-failure
 cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMBRIL_SANITIZE=ON >/dev/null
 cmake --build build-asan -j "$jobs"
 ctest --test-dir build-asan -j "$jobs" --output-on-failure
+# The fuzz targets (clang, ASan and UBSan): the kept regression inputs, then
+# FUZZ_SECONDS of libFuzzer each from the seed corpus (30 s in CI).
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMBRIL_FUZZ=ON \
+  -DTAMBRIL_TESTS=OFF >/dev/null
+cmake --build build-fuzz -j "$jobs"
+tests/fuzz/run.sh build-fuzz "${FUZZ_SECONDS:-30}"
 # The Windows build of the same sources, its transcripts under Wine, its window under Xvfb.
 JOBS="$jobs" scripts/test-windows.sh
 echo "All tests passed."

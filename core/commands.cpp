@@ -50,6 +50,18 @@ bool range_end(const Token*& t, std::uint32_t* n) {
   return true;
 }
 
+// LOAD for LOAD and RUN: a failure inside a program names the statement's
+// line, not the line of that index in the half-loaded program.
+bool load_program(const std::string& name) {
+  const std::uint32_t here = current_line_number();
+  if (load_source(name, LoadMode::load)) return true;
+  if (exec.line != kDirect) {
+    err.line = here;
+    err.line_recorded = true;
+  }
+  return false;
+}
+
 }  // namespace
 
 // [from][-[to]] | . | ERL. `single` reports whether one line was named.
@@ -176,7 +188,7 @@ void stmt_load(const Token*& t) {
   }
   if (close_all_files) close_all_files();
   clear_run_state();
-  if (!load_source(name, false)) return;
+  if (!load_program(name)) return;
   if (run) run_program(0);
   else exec.stop_request = exec.running;  // a LOAD inside a program ends it
 }
@@ -189,7 +201,7 @@ void stmt_merge(const Token*& t) {
   }
   std::string name;
   if (!source_name_arg(t, &name)) return;
-  (void)load_source(name, true);
+  (void)load_source(name, LoadMode::merge);
 }
 
 void stmt_save(const Token*& t) {
@@ -236,6 +248,10 @@ void stmt_delete(const Token*& t) {
     return;
   }
   while (index < program.lines && line_index[index].number <= to) delete_line(index);
+  // The running line's tokens are gone with the old program: a DELETE inside
+  // a program ends it, as LOAD does.
+  exec.stop_request = exec.running;
+  exec.running = false;
 }
 
 void stmt_auto(const Token*& t) {
@@ -302,7 +318,7 @@ void stmt_run(const Token*& t) {
   std::string name;
   if (!source_name_arg(t, &name)) return;
   clear_run_state();
-  if (!load_source(name, false)) return;
+  if (!load_program(name)) return;
   run_program(0);
 }
 

@@ -25,6 +25,7 @@ namespace core {
 AutoState auto_numbering;
 bool suppress_prompt = false;
 bool last_run_failed = false;
+bool last_run_interrupted = false;
 
 namespace {
 int depth = 0;
@@ -47,6 +48,7 @@ void init_interpreter() {
   auto_numbering = AutoState{};
   suppress_prompt = false;
   last_run_failed = false;
+  last_run_interrupted = false;
   reset_errors();
   program_init(host::shell.program_arena, host::kProgramArenaBytes);
   values::clear_variables();

@@ -20,6 +20,8 @@ extern AutoState auto_numbering;
 extern bool suppress_prompt;
 // Set when the last RUN ended with an untrapped error (headless --batch exit code).
 extern bool last_run_failed;
+// Set when the last RUN paused (STOP, break, breakpoint) instead of ending.
+extern bool last_run_interrupted;
 
 // Reset every interpreter state and empty the program.
 void init_interpreter();

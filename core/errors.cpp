@@ -1,6 +1,7 @@
 // Raise, ERR numbering, error printing.
 #include "core/errors.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "screen/capture.h"
@@ -31,6 +32,7 @@ void print_text(const char* s) {
 
 void raise_common() {
   err.number = -1;
+  err.note[0] = 0;
   err.has_message = true;
   if (!program_running) {
     err.line = 0;
@@ -76,6 +78,17 @@ void raise_value(const char* text, std::size_t length) {
   raise_common();
 }
 
+void add_error_note(const char* text) {
+  if (!err.flag || err.hook) return;
+  std::snprintf(err.note, sizeof err.note, "%s", text);
+  if (!program_running) {
+    // The message went out at once: so does its note.
+    screen::put_text(err.note);
+    screen::put_char(13);
+    err.note[0] = 0;
+  }
+}
+
 int error_number_for(const char* message) {
   for (const ErrorRow* row = kErrorTable; row->message[0]; ++row)
     if (std::strcmp(row->message, message) == 0) return row->number;
@@ -113,6 +126,11 @@ void print_stopped_error() {
     screen::put_text(buf + i);
   }
   screen::put_char(13);
+  if (err.note[0]) {
+    screen::put_text(err.note);
+    screen::put_char(13);
+    err.note[0] = 0;
+  }
 }
 
 void reset_errors() {

@@ -20,6 +20,7 @@ struct ErrorState {
   std::uint8_t print_switch = 0;  // OPTION ERRORPRINT
   ErrorHook hook = nullptr;     // when set, errors go there instead
   bool silent = false;          // when set, raising does nothing
+  char note[160] = {};          // a second line shown after the message (add_error_note)
 };
 extern ErrorState err;
 
@@ -30,6 +31,10 @@ extern bool program_running;
 void raise(const char* message);
 // A message that is a string value (printed through the PRINT routine).
 void raise_value(const char* text, std::size_t length);
+
+// A line of explanation for the error just raised, shown on its own line
+// after the message wherever the message is shown; a trapped error drops it.
+void add_error_note(const char* text);
 
 // ERR: the explicit number, 0 before any error, else the table's number (255 without a row).
 std::int64_t err_number();

@@ -55,6 +55,7 @@ struct ForFrame {
   bool fast;
   values::Descriptor* d;
   std::uint32_t generation;
+  int gosub_depth;            // GOSUB frames active when the loop began
   std::uint32_t line, token;  // behind the FOR statement
   std::uint32_t for_line, for_token;  // the FOR statement itself (FOR END scans from it)
   std::uint64_t serial;
@@ -69,6 +70,10 @@ struct WhileFrame {
 WhileFrame while_stack[kMaxWhile];
 int while_sp = 0;
 std::uint64_t loop_serial = 0;
+
+// A handler frame's token for a line that could not be tokenized: the fault
+// is the whole line, and RESUME NEXT goes on with the next one.
+constexpr std::uint32_t kWholeLine = 0xFFFFFFFFu;
 
 struct HandlerFrame {
   int kind;  // 1 error, 2 break
@@ -95,6 +100,7 @@ struct Timer {
   std::uint32_t line = 0;  // handler line number, 0 for none
   std::int64_t interval = 0;
   bool enabled = false;
+  bool held = false;  // TIMER STOP: an event that falls due waits for TIMER ON
   std::uint64_t due = 0;
 };
 Timer timers[8];
@@ -105,6 +111,13 @@ std::atomic<bool> ticker_running{false};
 bool fail(const char* m) {
   raise(m);
   return false;
+}
+
+// Only ":", ELSE or the end of the line may follow a statement; checked by
+// the statements that jump or stop, which the run loop's own check never sees.
+bool statement_ends(const Token* t) {
+  if (at_statement_end(t)) return true;
+  return fail("Syntax Error");
 }
 
 void print_line_suffix(std::uint32_t number) {
@@ -123,6 +136,9 @@ bool set_position(std::uint32_t line, std::uint32_t token, const Token*& t) {
   exec.line = line;
   program_running = line != kDirect;
   exec.base = tokens_for(line);
+  // The statement in hand belongs to this array from now on: an error raised
+  // before the next statement starts must not name one of another line.
+  exec.stmt = exec.base ? exec.base + token : nullptr;
   if (!exec.base) return false;
   t = exec.base + token;
   return true;
@@ -225,6 +241,7 @@ void record_pause(int reason, std::uint32_t line, std::uint32_t token) {
   pause.line = line;
   pause.token = token;
   pause.can_continue = line != kDirect;
+  if (exec.line != kDirect) last_run_interrupted = true;
 }
 
 // The break key: trapped by ON BREAK, else the program pauses with "Break".
@@ -260,11 +277,14 @@ bool handle_error() {
         screen::put_char(13);
       }
       err.flag = false;
+      err.note[0] = 0;  // the handler decides what the user hears
       if (handler_sp >= kMaxHandlers) {
         raise("Too many nested handlers");
         return true;
       }
-      handlers[handler_sp++] = {1, exec.line, token_index(exec.stmt ? exec.stmt : exec.base), exec.if_depth, gosub_sp};
+      // A line that failed to tokenize has no statements: the whole line faulted.
+      const std::uint32_t at = exec.stmt ? token_index(exec.stmt) : kWholeLine;
+      handlers[handler_sp++] = {1, exec.line, at, exec.if_depth, gosub_sp};
       (void)jump_to_line(on_error_line);
       return true;
     }
@@ -283,7 +303,7 @@ void ticker() {
     const std::uint64_t now = host::tick_ms();
     bool due = false;
     for (const Timer& tm : timers)
-      if (tm.enabled && tm.line && tm.interval > 0 && now >= tm.due) due = true;
+      if (tm.enabled && !tm.held && tm.line && tm.interval > 0 && now >= tm.due) due = true;
     if ((mouse_move_line && screen::mouse.moved.load()) ||
         ((mouse_click_line || mouse_double_line) && screen::has_clicks()))
       due = true;
@@ -305,8 +325,12 @@ bool dispatch_events(const Token* t) {
   }
   const std::uint64_t now = host::tick_ms();
   for (Timer& tm : timers) {
-    if (!(tm.enabled && tm.line && tm.interval > 0 && now >= tm.due)) continue;
+    if (!(tm.enabled && !tm.held && tm.line && tm.interval > 0 && now >= tm.due)) continue;
     tm.due = now + static_cast<std::uint64_t>(tm.interval);
+    // Other timers due as well get their turn at the next statement, not at
+    // the ticker's next look.
+    for (const Timer& o : timers)
+      if (o.enabled && !o.held && o.line && o.interval > 0 && now >= o.due) event_pending.store(1);
     if (!push_return(exec.line, token_index(t))) return false;
     return jump_to_line(tm.line);
   }
@@ -357,6 +381,7 @@ void run_loop(const Token* t) {
         screen::put_text(buf);
       }
     }
+    exec.stmt = t;
     if (++exec.counter == 0 && break_pressed()) {
       if (handle_break(t)) {
         exec.jumped = false;
@@ -405,7 +430,6 @@ void run_loop(const Token* t) {
       raise("Syntax Error");
       continue;
     }
-    exec.stmt = t;
     exec.continue_here = false;
     run_statement(t);
     values::statement_boundary();
@@ -473,6 +497,10 @@ void clear_run_state() {
 
 void program_changed() {
   pause.can_continue = false;  // breakpoints are line numbers and survive edits
+  // Every saved position (GOSUB returns, loops, handlers, the DATA pointer)
+  // names a line index and a token array of the old program: none survives.
+  reset_stacks();
+  if (restore_data) restore_data();
 }
 
 void execute_direct_tokens(const Token* tokens) {
@@ -492,6 +520,7 @@ void execute_direct_tokens(const Token* tokens) {
 void run_program(std::uint32_t start_index) {
   clear_run_state();
   last_run_failed = false;
+  last_run_interrupted = false;
   pause.can_continue = false;
   exec.stepping = false;
   if (start_index >= program.lines) return;
@@ -596,7 +625,7 @@ bool target_index(const Token*& t, std::uint32_t* index) {
 void stmt_goto(const Token*& t) {
   ++t;
   std::uint32_t index;
-  if (!target_index(t, &index)) return;
+  if (!target_index(t, &index) || !statement_ends(t)) return;
   exec.running = true;
   request_jump(index, 0);
 }
@@ -604,10 +633,8 @@ void stmt_goto(const Token*& t) {
 void stmt_gosub(const Token*& t) {
   ++t;
   std::uint32_t index;
-  if (!target_index(t, &index)) return;
-  const Token* after = t;
-  skip_statement(after);
-  if (!push_return(exec.line, token_index(after))) return;
+  if (!target_index(t, &index) || !statement_ends(t)) return;
+  if (!push_return(exec.line, token_index(t))) return;
   exec.running = true;
   request_jump(index, 0);
 }
@@ -618,13 +645,14 @@ void stmt_return(const Token*& t) {
     raise("RETURN without GOSUB");
     return;
   }
-  const ReturnFrame f = gosub_stack[--gosub_sp];
   if (!at_statement_end(t)) {
     std::uint32_t n;
-    if (!eval_line_number(t, &n)) return;
+    if (!eval_line_number(t, &n) || !statement_ends(t)) return;
+    --gosub_sp;
     (void)jump_to_line(n);
     return;
   }
+  const ReturnFrame f = gosub_stack[--gosub_sp];
   if (f.line != kDirect) exec.running = true;
   exec.if_depth = f.if_depth;
   request_jump(f.line, f.token);
@@ -702,8 +730,10 @@ void stmt_for(const Token*& t) {
   values::Descriptor* d = values::scalar_of(var);
   if (!d || !values::store_value(d->value, d->type, start)) return;
   // Re-entering a loop of the same variable (a GOTO back to its FOR) replaces
-  // that loop instead of stacking a second one.
-  for (int i = for_sp - 1; i >= 0; --i)
+  // that loop and every loop inside it instead of stacking a second one. The
+  // search stops at the innermost GOSUB: a subroutine that reuses its
+  // caller's loop variable opens a loop of its own and leaves the caller's.
+  for (int i = for_sp - 1; i >= 0 && for_stack[i].gosub_depth >= gosub_sp; --i)
     if (frame_variable(for_stack[i]) == d) {
       for_sp = i;
       break;
@@ -728,6 +758,7 @@ void stmt_for(const Token*& t) {
   f.fast = !values::is_integer_type(limit.type) || (limit.i >= -(1ll << 53) && limit.i <= (1ll << 53));
   f.d = d;
   f.generation = values::table_generation();
+  f.gosub_depth = gosub_sp;
   f.line = exec.line;
   f.token = token_index(t);
   f.for_line = for_line;
@@ -1001,6 +1032,7 @@ void stmt_on(const Token*& t) {
     if (t->kind != ',') break;
     ++t;
   }
+  if (!statement_ends(t)) return;
   if (!have) return;  // 0 or beyond the list: fall through
   if (gosub && !push_return(exec.line, token_index(t))) return;
   if (!jump_to_line(chosen) && gosub) --gosub_sp;
@@ -1012,6 +1044,10 @@ void stmt_resume(const Token*& t) {
     raise("RESUME without error");
     return;
   }
+  if (t->kind == KW_NEXT && !at_statement_end(t + 1)) {
+    raise("Syntax Error");
+    return;
+  }
   const HandlerFrame f = handlers[--handler_sp];
   if (f.line != kDirect) exec.running = true;
   const bool zero = t->kind == kTokNumber && t->type <= values::kInt64 && t->i64() == 0 && at_statement_end(t + 1);
@@ -1019,31 +1055,50 @@ void stmt_resume(const Token*& t) {
     // RESUME and RESUME 0: the faulting statement again, inside the same IFs.
     if (zero) ++t;
     exec.if_depth = f.if_depth;
-    request_jump(f.line, f.token);
+    request_jump(f.line, f.token == kWholeLine ? 0 : f.token);
     return;
   }
   if (t->kind == KW_NEXT) {
     ++t;
+    exec.if_depth = f.if_depth;
+    if (f.token == kWholeLine) {
+      // The line never ran: go on with the next one, or end as its last line would.
+      if (f.line + 1 < program.lines) {
+        request_jump(f.line + 1, 0);
+      } else {
+        exec.running = false;
+        exec.stop_request = true;
+      }
+      return;
+    }
     const Token* base = tokens_for(f.line);
     if (!base) return;
     const Token* p = base + f.token;
-    skip_statement(p);
-    exec.if_depth = f.if_depth;
+    // An IF owns the rest of its line, and so does a stray ELSE (the one
+    // statement that starts at a separator): both resume at the line's end.
+    if (p->kind == KW_IF || p->kind == KW_ELSE) skip_to_line_end(p);
+    else skip_statement(p);
     request_jump(f.line, static_cast<std::uint32_t>(p - base));
     return;
   }
+  // The target is checked while the handler is still active: a bad RESUME
+  // line stops the program instead of being trapped by its own handler.
+  ++handler_sp;
   std::int64_t k;
-  if (!values::eval_int64(t, &k)) return;  // a string target is "Type mismatch"
-  if (k < 0 || k > static_cast<std::int64_t>(kMaxLineNumber)) {
+  std::uint32_t index;
+  if (!values::eval_int64(t, &k) || !statement_ends(t)) return;  // a string target is "Type mismatch"
+  if (k < 0 || k > static_cast<std::int64_t>(kMaxLineNumber) || !find_line(static_cast<std::uint32_t>(k), &index)) {
     raise("Undefined line number");
     return;
   }
+  --handler_sp;
   if (f.gosub_sp < gosub_sp) gosub_sp = f.gosub_sp;  // frames opened inside the handler
   (void)jump_to_line(static_cast<std::uint32_t>(k));
 }
 
 void stmt_stop(const Token*& t) {
   ++t;
+  if (!statement_ends(t)) return;
   // Resume behind the STOP: the next statement on the line, or the next line.
   const Token* r = t;
   if (r->kind == ':') ++r;
@@ -1063,6 +1118,7 @@ void stmt_stop(const Token*& t) {
 
 void stmt_end(const Token*& t) {
   ++t;
+  if (!statement_ends(t)) return;
   if (close_all_files) close_all_files();
   exec.running = false;
   pause.can_continue = false;
@@ -1071,6 +1127,7 @@ void stmt_end(const Token*& t) {
 
 void stmt_system(const Token*& t) {
   ++t;
+  if (!statement_ends(t)) return;
   if (close_all_files) close_all_files();
   host::shell.exit_code.store(0);
   exec.running = false;
@@ -1093,6 +1150,7 @@ void stmt_cont(const Token*& t) {
   exec.stepping = step;
   exec.step_armed = step;
   pause.can_continue = false;  // this pause is used up; the next STOP records a new one
+  last_run_interrupted = false;
   if (pause.reason == 2) exec.resume_skip_line = pause.line;  // the breakpoint does not fire at once again
   exec.running = true;
   request_jump(pause.line, pause.token);
@@ -1180,6 +1238,39 @@ void stmt_break(const Token*& t) {
   }
 }
 
+namespace {
+
+// ON, OFF or STOP at t for one timer. STOP holds the timer's events; ON
+// after STOP delivers one that fell due meanwhile at once.
+bool timer_switch(const Token*& t, Timer* tm) {
+  if (t->kind == KW_ON) {
+    ++t;
+    if (!statement_ends(t)) return false;
+    if (!(tm->enabled && tm->held)) tm->due = host::tick_ms() + static_cast<std::uint64_t>(tm->interval);
+    else if (host::tick_ms() >= tm->due) event_pending.store(1);  // the held event, before the next statement
+    tm->enabled = true;
+    tm->held = false;
+    ensure_ticker();
+    return true;
+  }
+  if (t->kind == KW_STOP) {
+    ++t;
+    if (!statement_ends(t)) return false;
+    tm->held = true;
+    return true;
+  }
+  if (t->kind == kTokIdent && !std::strcmp(t->name(), "OFF")) {
+    ++t;
+    if (!statement_ends(t)) return false;
+    tm->enabled = false;
+    tm->held = false;
+    return true;
+  }
+  return fail("Syntax error");
+}
+
+}  // namespace
+
 void stmt_timer(const Token*& t) {
   t += 2;  // TIMER (
   std::int64_t n;
@@ -1202,19 +1293,17 @@ void stmt_timer(const Token*& t) {
     tm.due = host::tick_ms() + static_cast<std::uint64_t>(ms);
     return;
   }
-  if (t->kind == KW_ON) {
-    ++t;
-    tm.enabled = true;
-    tm.due = host::tick_ms() + static_cast<std::uint64_t>(tm.interval);
-    ensure_ticker();
-    return;
+  (void)timer_switch(t, &tm);
+}
+
+// TIMER ON | OFF | STOP: every timer at once.
+void stmt_timer_all(const Token*& t) {
+  ++t;
+  const Token* start = t;
+  for (Timer& tm : timers) {
+    t = start;
+    if (!timer_switch(t, &tm)) return;
   }
-  if (t->kind == kTokIdent && !std::strcmp(t->name(), "OFF")) {
-    ++t;
-    tm.enabled = false;
-    return;
-  }
-  raise("Syntax error");
 }
 
 }  // namespace core

@@ -83,7 +83,8 @@ void stmt_run(const Token*& t);
 void stmt_clear(const Token*& t);
 void stmt_break(const Token*& t);
 void stmt_error(const Token*& t);
-void stmt_timer(const Token*& t);  // TIMER(n) = ms | ON | OFF
+void stmt_timer(const Token*& t);      // TIMER(n) = ms | ON | OFF | STOP
+void stmt_timer_all(const Token*& t);  // TIMER ON | OFF | STOP (every timer)
 
 // Hooks: files are closed by END, CLEAR, NEW, RUN and LOAD; CLEAR and RUN
 // restore the DATA pointer.

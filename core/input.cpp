@@ -50,8 +50,13 @@ bool field_value(const char* p, std::uint32_t n, std::uint8_t type, values::Valu
   const char* end = scan_number(buf, &lit);
   err.silent = silent;
   if (!end || *end != 0) return false;
+  const bool based = buf[0] == '&';
   if (lit.type <= values::kInt64) {
     *out = values::Value::integer(negative ? -lit.i : lit.i, lit.type);
+  } else if (!based && type != values::kSingle) {
+    // Typed or DATA numbers are rounded once, to the target's own type: a
+    // DOUBLE gets the binary64 nearest to the text, not a widened SINGLE.
+    *out = values::Value::floating(negative ? -lit.nearest : lit.nearest, values::kDouble);
   } else {
     *out = values::Value::floating(negative ? -lit.d : lit.d, lit.type);
   }

@@ -4,6 +4,8 @@
 // precision.
 #include "core/numscan.h"
 
+#include <charconv>
+
 #include "core/errors.h"
 
 namespace core {
@@ -57,8 +59,28 @@ const char* scan_based(const char* p, NumberLiteral* out) {
 
 }  // namespace
 
+// The decimal text [start, end) (digits, point, E or D exponent) correctly
+// rounded to T; false when it is out of T's range (the caller's own
+// arithmetic decides then).
+template <typename T>
+bool nearest(const char* start, const char* end, T* out) {
+  char buf[64];
+  std::size_t n = 0;
+  for (const char* q = start; q < end; ++q) {
+    if (n + 1 >= sizeof buf) return false;
+    const char c = *q;
+    buf[n++] = c == 'D' || c == 'd' ? 'E' : c;
+  }
+  T v;
+  const auto r = std::from_chars(buf, buf + n, v, std::chars_format::general);
+  if (r.ec != std::errc() || r.ptr != buf + n) return false;
+  *out = v;
+  return true;
+}
+
 const char* scan_number(const char* p, NumberLiteral* out) {
   if (p[0] == '&') return scan_based(p, out);
+  const char* start = p;
   std::uint64_t exact = 0;
   bool overflow = false;
   std::uint64_t mantissa = 0;
@@ -130,6 +152,10 @@ const char* scan_number(const char* p, NumberLiteral* out) {
     raise("Overflow");
     return nullptr;
   }
+  // The digits were kept to 18 and scaled step by step; the value of the
+  // whole text, rounded once, is what the floating types get.
+  (void)nearest(start, p, &value);
+  out->nearest = value;
   const bool whole = !point && !has_exp;
   if (*p == '%' || *p == '&') {
     if (!whole) {
@@ -157,8 +183,10 @@ const char* scan_number(const char* p, NumberLiteral* out) {
     out->i = static_cast<std::int64_t>(exact);
     return p;
   }
+  float single = static_cast<float>(value);
+  (void)nearest(start, p, &single);
   if (*p == '!') {
-    const float f = static_cast<float>(value);
+    const float f = single;
     if (f - f != 0) {
       raise("Overflow");
       return nullptr;
@@ -181,7 +209,7 @@ const char* scan_number(const char* p, NumberLiteral* out) {
     out->type = kTypeDouble;
     out->d = value;
   } else {
-    const float f = static_cast<float>(value);
+    const float f = single;
     if (f - f != 0) {
       raise("Overflow");
       return nullptr;

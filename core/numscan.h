@@ -11,6 +11,7 @@ struct NumberLiteral {
   std::uint8_t type = 0;
   std::int64_t i = 0;  // types 1..3
   double d = 0;        // types 4..5 (SINGLE already rounded to binary32)
+  double nearest = 0;  // decimal numbers: the binary64 nearest to the text, whatever the type
 };
 
 // Scan the number at p: a digit, "." followed by a digit, or &H/&O. Returns

@@ -21,10 +21,14 @@ namespace {
 
 constexpr std::uint32_t kZoneWidth = 14;
 
-void console_put(void*, std::uint8_t c) { screen::put_char(c); }
 std::uint32_t console_column(void*) {
   if (screen::con.capture_mode) return screen::con.capture_col;  // CAPTURE: the captured line's column
   return screen::con.col - screen::text_region().left;
+}
+void console_put(void*, std::uint8_t c) {
+  // WIDTH n: a full line ends before the next printable byte.
+  if (screen::con.print_width && c >= 32 && console_column(nullptr) >= screen::con.print_width) screen::put_char(13);
+  screen::put_char(c);
 }
 
 void put_bytes(OutSink& out, const char* p, std::uint32_t n) {
@@ -48,7 +52,9 @@ void next_zone(OutSink& out) {
 
 OutSink console_sink() {
   const screen::Region r = screen::text_region();
-  return OutSink{console_put, console_column, r.right - r.left + 1, nullptr};
+  std::uint32_t width = r.right - r.left + 1;
+  if (screen::con.print_width && screen::con.print_width < width) width = screen::con.print_width;
+  return OutSink{console_put, console_column, width, nullptr};
 }
 
 void sink_newline(OutSink& out) {
@@ -119,10 +125,8 @@ void print_list(const Token*& t, OutSink& out) {
     values::Value v;
     if (!values::eval(t, &v)) return;
     print_value(v, out);
-    if (!is_print_end(t) && t->kind != ';' && t->kind != ',') {
-      raise("Syntax error");
-      return;
-    }
+    // Items written without a separator ("SCORE:"S) follow each other as
+    // after ";", which is how old listings are written.
   }
   if (newline) sink_newline(out);
 }
@@ -284,9 +288,9 @@ std::string format_number(const NumField& nf, double v) {
     if (m != 0) {
       while (m >= 10) { m /= 10; ++e; }
       while (m < 1) { m *= 10; --e; }
+      // Scale so that `lead_digits` digits stand before the point.
+      e -= lead_digits > 0 ? lead_digits - 1 : -1;
     }
-    // Scale so that `lead_digits` digits stand before the point.
-    e -= lead_digits > 0 ? lead_digits - 1 : -1;
     double scaled = mag == 0 ? 0 : m * (lead_digits > 0 ? 1 : 0.1);
     for (int k = 1; k < lead_digits; ++k) scaled *= 10;
     std::string digits = fixed_digits(scaled, nf.trail);
@@ -298,6 +302,7 @@ std::string format_number(const NumField& nf, double v) {
     }
     (void)sig;
     if (lead_digits == 0 && digits[0] == '0') digits.erase(digits.begin());
+    if (nf.point && nf.trail == 0) digits += '.';  // "##.^^^^": the point is part of the field
     char ebuf[16];
     if (nf.carets == 5) std::snprintf(ebuf, sizeof ebuf, "E%c%03d", e < 0 ? '-' : '+', e < 0 ? -e : e);
     else std::snprintf(ebuf, sizeof ebuf, "E%c%02d", e < 0 ? '-' : '+', e < 0 ? -e : e);
@@ -306,6 +311,7 @@ std::string format_number(const NumField& nf, double v) {
   } else {
     body = fixed_digits(mag, nf.trail);
     if (!nf.point && body.empty()) body = "0";
+    if (nf.point && nf.trail == 0) body += '.';  // "####." prints its point
     if (nf.comma) {
       const std::size_t dot = body.find('.');
       std::string ip = dot == std::string::npos ? body : body.substr(0, dot);

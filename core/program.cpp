@@ -2,7 +2,11 @@
 #include "core/program.h"
 
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "core/errors.h"
 #include "core/tokenizer.h"
@@ -183,16 +187,27 @@ bool resolve_source_name(const char* text, std::uint32_t length, std::string* ou
   return true;
 }
 
-bool load_source(const std::string& name, bool merge) {
-  std::FILE* f = host::open_file(name, "rb");
-  if (!f) return fail("File not found");
-  ++program.loading;
-  if (!merge) program_clear();
+namespace {
+
+// One line read from a source file, waiting to be stored.
+struct PendingLine {
+  std::uint32_t number;
+  std::uint32_t file_line;  // 1-based line of the file it came from
+  std::size_t offset;       // body in the pool
+  std::uint32_t length;
+};
+
+// The lines of a source file in file order. Reading stops at the first
+// error, which is raised; the lines before it stay in `out`.
+bool read_source(std::FILE* f, LoadMode mode, std::vector<PendingLine>* out, std::string* pool,
+                 std::uint32_t* stopped_at) {
   char line[300];
   std::size_t len = 0;
-  bool ok = true, ended = false, last_cr = false;
+  std::uint32_t file_line = 1;
+  bool last_cr = false;
   auto finish_line = [&]() -> bool {
     line[len] = 0;
+    len = 0;
     const char* p = line;
     while (*p == ' ') ++p;
     if (*p == 0) return true;  // empty lines are skipped
@@ -200,71 +215,181 @@ bool load_source(const std::string& name, bool merge) {
     std::uint32_t number;
     if (!parse_line_number(p, &number)) return false;
     if (*p == ' ') ++p;  // exactly one blank: indentation in files is kept
-    return store_line(number, p, static_cast<std::uint32_t>(std::strlen(p)));
+    const std::uint32_t n = static_cast<std::uint32_t>(std::strlen(p));
+    out->push_back({number, file_line, pool->size(), n});
+    pool->append(p, n);
+    return true;
   };
   unsigned char block[512];
-  while (ok && !ended) {
+  for (;;) {
     const std::size_t got = std::fread(block, 1, sizeof block, f);
     if (got == 0) {
-      if (std::ferror(f)) ok = fail("Disk read failed");
-      break;
+      *stopped_at = file_line;
+      if (std::ferror(f)) return fail("Disk read failed");
+      return len == 0 || finish_line();
     }
-    for (std::size_t i = 0; i < got && ok; ++i) {
+    for (std::size_t i = 0; i < got; ++i) {
       const unsigned char c = block[i];
-      if (c == 0x1A) {
-        ended = true;
-        break;
-      }
+      *stopped_at = file_line;
+      if (c == 0x1A) return len == 0 || finish_line();  // Ctrl-Z ends the file
       if (c == '\n' && last_cr) {
         last_cr = false;
         continue;
       }
       last_cr = c == '\r';
       if (c == '\r' || c == '\n') {
-        ok = finish_line();
-        len = 0;
+        if (!finish_line()) return false;
+        ++file_line;
         continue;
       }
-      if (c == '\t') {
+      const bool chain = mode == LoadMode::chain || mode == LoadMode::chain_merge;
+      if (c == '\t' && !chain) {
         do {
-          if (len >= 299) {
-            ok = fail("Line too long");
-            break;
-          }
+          if (len >= 299) return fail("Line too long");
           line[len++] = ' ';
         } while (len % 4 != 0);
         continue;
       }
       if (len >= 299) {
-        ok = fail("Line too long");
-        break;
+        if (chain) continue;  // CHAIN cuts long lines instead
+        return fail("Line too long");
       }
       line[len++] = static_cast<char>(c);
     }
   }
-  if (ok && len > 0) ok = finish_line();
+}
+
+// How many of the pending lines (in file order) can be stored one after
+// another, as Store line would take them; raises the message of the first
+// that cannot.
+std::size_t storable_prefix(const std::vector<PendingLine>& lines) {
+  std::unordered_map<std::uint32_t, std::uint32_t> size_now;  // numbers already touched
+  std::uint64_t count = program.lines;
+  std::uint64_t bytes = static_cast<std::uint64_t>(program.end - program.base);
+  const std::uint64_t capacity = static_cast<std::uint64_t>(program.arena_end - program.base);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const PendingLine& l = lines[i];
+    if (l.length > kMaxBody) {
+      raise("Line too long");
+      return i;
+    }
+    std::uint32_t old = 0;
+    const auto it = size_now.find(l.number);
+    if (it != size_now.end()) {
+      old = it->second;
+    } else {
+      std::uint32_t index;
+      if (find_line(l.number, &index)) old = record_size(rec_length(line_index[index].record));
+    }
+    const std::uint32_t need = l.length ? record_size(l.length) : 0;
+    if (need && !old && count >= kMaxLines) {
+      raise("Program too large");
+      return i;
+    }
+    if (bytes - old + need > capacity) {
+      raise("Program too large");
+      return i;
+    }
+    count = count - (old ? 1 : 0) + (need ? 1 : 0);
+    bytes = bytes - old + need;
+    size_now[l.number] = need;
+  }
+  return lines.size();
+}
+
+// Store the lines in one pass: sort them (the last of equal numbers wins; an
+// empty body deletes), merge them with the stored program into a new image,
+// and lay it and the index down again. Linear in the program's size.
+void store_all(std::vector<PendingLine>& lines, const std::string& pool) {
+  if (lines.empty()) return;
+  std::stable_sort(lines.begin(), lines.end(),
+                   [](const PendingLine& a, const PendingLine& b) { return a.number < b.number; });
+  std::vector<std::uint8_t> image;
+  image.reserve(static_cast<std::size_t>(program.end - program.base) + pool.size() + 12 * lines.size());
+  std::vector<std::uint32_t> numbers;
+  std::vector<std::size_t> offsets;
+  numbers.reserve(program.lines + lines.size());
+  offsets.reserve(program.lines + lines.size());
+  auto put = [&](std::uint32_t number, const char* body, std::uint32_t length) {
+    const std::uint32_t size = record_size(length);
+    const std::size_t at = image.size();
+    image.resize(at + size, 0);
+    std::memcpy(&image[at], &number, 4);
+    std::memcpy(&image[at + 4], &length, 4);
+    std::memcpy(&image[at + 8], body, length);
+    numbers.push_back(number);
+    offsets.push_back(at);
+  };
+  std::uint32_t old = 0;
+  for (std::size_t i = 0; i < lines.size();) {
+    std::size_t last = i;  // of a run of equal numbers, the last one read counts
+    while (last + 1 < lines.size() && lines[last + 1].number == lines[i].number) ++last;
+    const PendingLine& l = lines[last];
+    for (; old < program.lines && line_index[old].number < l.number; ++old)
+      put(line_index[old].number, line_body(old), line_body_length(old));
+    if (old < program.lines && line_index[old].number == l.number) ++old;  // replaced or deleted
+    if (l.length) put(l.number, pool.data() + l.offset, l.length);
+    i = last + 1;
+  }
+  for (; old < program.lines; ++old) put(line_index[old].number, line_body(old), line_body_length(old));
+  std::memcpy(program.base, image.data(), image.size());
+  program.end = program.base + image.size();
+  program.lines = static_cast<std::uint32_t>(numbers.size());
+  for (std::uint32_t i = 0; i < program.lines; ++i) line_index[i] = {numbers[i], program.base + offsets[i], nullptr, 0};
+  invalidate_caches();
+}
+
+}  // namespace
+
+bool load_source(const std::string& name, LoadMode mode) {
+  std::FILE* f = host::open_file(name, "rb");
+  if (!f) return fail("File not found");
+  ++program.loading;
+  if (mode == LoadMode::load || mode == LoadMode::chain) program_clear();
+  std::vector<PendingLine> lines;
+  std::string pool;
+  std::uint32_t stopped_at = 1;
+  bool ok = read_source(f, mode, &lines, &pool, &stopped_at);
   std::fclose(f);
+  // The lines before an error are kept (Store line stops at the first that
+  // does not fit, and so does this).
+  const std::size_t keep = storable_prefix(lines);
+  if (keep < lines.size()) {
+    ok = false;
+    stopped_at = lines[keep].file_line;
+  }
+  lines.resize(keep);
+  store_all(lines, pool);
   if (--program.loading == 0 && program.invalidate_pending) {
     program.invalidate_pending = false;
     invalidate_caches();
+  }
+  if (!ok) {
+    // A partial program looks like a whole one: say so before anyone saves it.
+    char note[128];
+    std::snprintf(note, sizeof note, "%u line%s loaded; the file was not read from its line %u on",
+                  static_cast<unsigned>(keep), keep == 1 ? "" : "s", stopped_at);
+    add_error_note(note);
   }
   return ok;
 }
 
 bool save_source(const std::string& name) {
-  std::FILE* f = host::open_file(name, "wb");
-  if (!f) return fail("Bad file name");
-  bool ok = true;
-  for (std::uint32_t i = 0; i < program.lines && ok; ++i) {
+  // The whole text first, then one replacement of the file: a crash or a full
+  // disk during SAVE leaves the old file exactly as it was.
+  std::string text;
+  text.reserve(static_cast<std::size_t>(program.end - program.base) + 8u * program.lines);
+  for (std::uint32_t i = 0; i < program.lines; ++i) {
     char head[16];
     const int n = std::snprintf(head, sizeof head, "%u ", line_index[i].number);
-    const std::uint32_t len = line_body_length(i);
-    ok = std::fwrite(head, 1, static_cast<std::size_t>(n), f) == static_cast<std::size_t>(n) &&
-         std::fwrite(line_body(i), 1, len, f) == len && std::fwrite("\r\n", 1, 2, f) == 2;
+    text.append(head, static_cast<std::size_t>(n));
+    text.append(line_body(i), line_body_length(i));
+    text += "\r\n";
   }
-  if (std::fclose(f) != 0) ok = false;
-  if (!ok) return fail("Disk I/O error");
-  return true;
+  bool created;
+  const host::FileFault r = host::write_file_replacing(name, text.data(), text.size(), &created);
+  if (r == host::FileFault::none) return true;
+  return fail(created ? "Disk I/O error" : "Bad file name");
 }
 
 }  // namespace core

@@ -62,8 +62,12 @@ const Token* line_tokens(std::uint32_t index, int* count = nullptr);
 // 4294967294. Advances p.
 bool parse_line_number(const char*& p, std::uint32_t* number);
 
-// LOAD (replace) or MERGE (add) an ASCII source file.
-bool load_source(const std::string& name, bool merge);
+// LOAD (replace) or MERGE (add) an ASCII source file; CHAIN and CHAIN MERGE
+// read the same way but keep TABs and cut lines at 299 bytes instead of
+// refusing them. On an error the lines read before it are kept, and a note
+// says how far the file was read.
+enum class LoadMode { load, merge, chain, chain_merge };
+bool load_source(const std::string& name, LoadMode mode);
 bool save_source(const std::string& name);
 // File names: a missing extension becomes .BAS; the checks of every file
 // statement ("Bad file name", "Illegal filename", "Path too long").

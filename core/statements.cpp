@@ -3,12 +3,14 @@
 
 #include <array>
 #include <cstring>
+#include <string>
 
 #include "core/errors.h"
 #include "core/exec.h"
 #include "core/keywords.h"
 #include "screen/screen_statements.h"
 #include "files/file_statements.h"
+#include "host/platform.h"
 #include "jit/jit.h"
 #include "values/eval.h"
 
@@ -86,9 +88,36 @@ constexpr HandlerTable make_table() {
 
 constexpr HandlerTable kHandlers = make_table();
 
+// ENVIRON "name=value": set the process environment that ENVIRON$ reads and
+// programs started from here inherit; an empty value removes the name.
+void stmt_environ(const Token*& t) {
+  ++t;
+  values::Value v;
+  if (!values::eval(t, &v)) return;
+  if (v.type != values::kString) {
+    raise("Type mismatch");
+    return;
+  }
+  if (!at_statement_end(t)) {
+    raise("Syntax Error");
+    return;
+  }
+  const std::string text(v.s.ptr ? v.s.ptr : "", v.s.len);
+  const std::size_t eq = text.find('=');
+  std::size_t end = eq == std::string::npos ? 0 : eq;
+  while (end > 0 && text[end - 1] == ' ') --end;
+  if (end == 0 || text.find('\0') != std::string::npos) {
+    raise("Illegal function call");
+    return;
+  }
+  if (!host::set_environment(text.substr(0, end), text.substr(eq + 1))) raise("Out of memory");
+}
+
 const NamedStatement kCoreNamed[] = {
     {"DCLVAL", stmt_dclval},
     {"SETVAR", stmt_setvar},
+    {"ENVIRON", stmt_environ},
+    {"TIMER", stmt_timer_all},
 };
 
 const NamedGroup kNamedGroups[] = {

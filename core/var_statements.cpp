@@ -366,22 +366,23 @@ void justify(const Token*& t, bool left) {
   values::Value v;
   if (!string_value(t, &v)) return;
   if (d->length == 0) return;
+  // A string never assigned has no bytes at all (a null pointer): it copies as empty.
   const std::uint32_t n = v.s.len < d->length ? v.s.len : d->length;
   char tmp[65536];
   char* buf = d->length <= sizeof tmp ? tmp : nullptr;
   if (!buf) {
     // Long strings: move in place (the source may overlap the target).
     if (left) {
-      std::memmove(d->ptr, v.s.ptr, n);
+      if (n) std::memmove(d->ptr, v.s.ptr, n);
       std::memset(d->ptr + n, ' ', d->length - n);
     } else {
-      std::memmove(d->ptr + d->length - n, v.s.ptr, n);
+      if (n) std::memmove(d->ptr + d->length - n, v.s.ptr, n);
       std::memset(d->ptr, ' ', d->length - n);
     }
     return;
   }
   std::memset(buf, ' ', d->length);
-  std::memcpy(left ? buf : buf + d->length - n, v.s.ptr, n);
+  if (n) std::memcpy(left ? buf : buf + d->length - n, v.s.ptr, n);
   std::memcpy(d->ptr, buf, d->length);
 }
 
@@ -411,7 +412,7 @@ void stmt_mid(const Token*& t) {
   std::uint64_t n = d->length - static_cast<std::uint64_t>(start) + 1;
   if (static_cast<std::uint64_t>(len) < n) n = static_cast<std::uint64_t>(len);
   if (v.s.len < n) n = v.s.len;
-  std::memmove(d->ptr + start - 1, v.s.ptr, n);
+  if (n) std::memmove(d->ptr + start - 1, v.s.ptr, n);
 }
 
 }  // namespace core

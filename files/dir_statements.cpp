@@ -170,48 +170,6 @@ void store_list(const Token*& t, const char* name, const std::vector<std::string
   if (has_count) (void)values::assign(count, values::Value::integer(n, values::kInt64));
 }
 
-// CHAIN reads source like LOAD, except that TABs stay as they are and a line
-// longer than 299 bytes is cut there instead of refused.
-bool chain_source(const std::string& name) {
-  std::FILE* f = host::open_file(name, "rb");
-  if (!f) return fail("File not found");
-  ++core::program.loading;
-  core::program_clear();
-  char line[300];
-  std::size_t len = 0;
-  bool ok = true, last_cr = false;
-  auto finish = [&]() -> bool {
-    line[len] = 0;
-    len = 0;
-    const char* p = line;
-    while (*p == ' ') ++p;
-    if (*p == 0) return true;
-    if (!(*p >= '0' && *p <= '9')) return fail("Direct statement in file");
-    std::uint32_t number;
-    if (!core::parse_line_number(p, &number)) return false;
-    if (*p == ' ') ++p;
-    return core::store_line(number, p, static_cast<std::uint32_t>(std::strlen(p)));
-  };
-  int c;
-  while (ok && (c = std::getc(f)) != EOF && c != 0x1A) {
-    if (c == '\n' && last_cr) {
-      last_cr = false;
-      continue;
-    }
-    last_cr = c == '\r';
-    if (c == '\r' || c == '\n') ok = finish();
-    else if (len < 299) line[len++] = static_cast<char>(c);
-  }
-  if (ok && len > 0) ok = finish();
-  if (ok && std::ferror(f)) ok = fail("Disk read failed");
-  std::fclose(f);
-  if (--core::program.loading == 0 && core::program.invalidate_pending) {
-    core::program.invalidate_pending = false;
-    core::invalidate_caches();
-  }
-  return ok;
-}
-
 bool is_common(const values::Descriptor& d) {
   for (int i = 0; i < values::common_count(); ++i) {
     const values::CommonEntry& e = values::common_entry(i);
@@ -364,14 +322,11 @@ void stmt_bsave(const Token*& t) {
     core::raise("Invalid memory address");
     return;
   }
-  std::FILE* f = host::open_file(name, "wb");
-  if (!f) {
-    core::raise("Path not found");
-    return;
-  }
-  bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok) core::raise("Disk I/O error");
+  // Never in place: a failed BSAVE leaves the old image as it was.
+  bool created;
+  const host::FileFault r = host::write_file_replacing(name, bytes.data(), bytes.size(), &created);
+  if (r == host::FileFault::none) return;
+  core::raise(!created ? "Path not found" : r == host::FileFault::disk_full ? "Disk I/O error" : fault_message(r));
 }
 
 // BLOAD f$[, address]: back to where it was saved, or to the address given.
@@ -423,30 +378,67 @@ void stmt_bload(const Token*& t) {
     core::raise("Invalid memory address");
 }
 
-// CHAIN f$[, line]: replace the program and run it (from the line given),
-// keeping the COMMON variables and the open files.
+// CHAIN [MERGE] f$ [, [line] [, [ALL] [, DELETE range]]]: replace the
+// program (or, with MERGE, merge the file into it after deleting the DELETE
+// range: an overlay) and run it from the line given, keeping the open files
+// and the COMMON variables (every variable with ALL).
 void stmt_chain(const Token*& t) {
   ++t;
+  const bool merge = t->kind == core::KW_MERGE;
+  if (merge) ++t;
   values::Value v;
   if (!string_value(t, &v)) return;
   std::string name;
   if (!core::resolve_source_name(v.s.ptr, v.s.len, &name)) return;
-  bool has_line = false;
-  std::uint32_t number = 0;
+  bool has_line = false, all = false, remove = false;
+  std::uint32_t number = 0, from = 0, to = 0;
   if (t->kind == ',') {
     ++t;
-    if (!core::eval_line_number(t, &number)) return;
-    has_line = true;
+    if (t->kind != ',' && !core::at_statement_end(t)) {
+      if (!core::eval_line_number(t, &number)) return;
+      has_line = true;
+    }
+    if (t->kind == ',') {
+      ++t;
+      if (t->kind == core::kTokIdent && !std::strcmp(t->name(), "ALL")) {
+        ++t;
+        all = true;
+      }
+      if (t->kind == ',') {
+        ++t;
+        // DELETE belongs to overlays: it removes lines of the program that stays.
+        if (t->kind != core::KW_DELETE || !merge) {
+          core::raise("Syntax error");
+          return;
+        }
+        ++t;
+        bool single;
+        if (!core::parse_range(t, &from, &to, &single)) return;
+        remove = true;
+      }
+    }
   }
   if (!end_of_statement(t)) return;
   if (host::path_kind(name) != 1) {
     core::raise("File not found");
     return;
   }
-  const std::string common = encode_variables(is_common);
+  const std::string kept = encode_variables(all ? nullptr : is_common);
   const int base = values::option_base;
   const std::uint32_t here = core::current_line_number();
-  if (!chain_source(name)) return;
+  if (remove) {
+    std::uint32_t index;
+    (void)core::find_line(from, &index);
+    while (index < core::program.lines && core::line_index[index].number <= to) core::delete_line(index);
+  }
+  if (!core::load_source(name, merge ? core::LoadMode::chain_merge : core::LoadMode::chain)) {
+    // The old program is gone and the new one partial: nothing of the old
+    // run (handlers, stacks, variables) applies, and the error names the CHAIN.
+    core::run_program(core::program.lines);
+    core::err.line = here;
+    core::err.line_recorded = true;
+    return;
+  }
   std::uint32_t index = 0;
   if (has_line && !core::find_line(number, &index)) {
     core::run_program(core::program.lines);  // nothing runs, but the old state is gone
@@ -459,7 +451,7 @@ void stmt_chain(const Token*& t) {
   core::run_program(index);
   keep_files_once = false;
   values::option_base = base;
-  (void)decode_variables(common, true, "Internal error");
+  (void)decode_variables(kept, true, "Internal error");
 }
 
 }  // namespace files

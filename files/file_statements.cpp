@@ -1,5 +1,6 @@
 // OPEN, CLOSE, the "#" forms of PRINT, WRITE, INPUT and LINE INPUT, and the
 // random-access statements FIELD, GET, PUT, LSET and RSET.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -14,6 +15,7 @@
 #include "files/file_statements.h"
 #include "files/file_table.h"
 #include "files/state_files.h"
+#include "screen/console.h"
 #include "values/eval.h"
 #include "values/store.h"
 
@@ -120,6 +122,30 @@ bool record_number(const Token*& t, FileSlot& s, std::int64_t* rec) {
   return true;
 }
 
+// OPEN's [SHARED | LOCK READ | LOCK WRITE | LOCK READ WRITE] before AS.
+bool sharing_clause(const Token*& t, host::Share* share) {
+  if (is_word(t, "SHARED")) {
+    ++t;
+    *share = host::Share::all;
+    return true;
+  }
+  if (!is_word(t, "LOCK")) return true;
+  ++t;
+  if (t->kind == core::KW_READ && t[1].kind == core::KW_WRITE) {
+    t += 2;
+    *share = host::Share::deny_both;
+  } else if (t->kind == core::KW_READ) {
+    ++t;
+    *share = host::Share::deny_read;
+  } else if (t->kind == core::KW_WRITE) {
+    ++t;
+    *share = host::Share::deny_write;
+  } else {
+    return fail("Syntax error");
+  }
+  return true;
+}
+
 FileSlot* random_target(const Token*& t, std::int64_t* rec) {
   ++t;  // GET or PUT
   std::int64_t n;
@@ -144,6 +170,7 @@ void stmt_open(const Token*& t) {
   std::uint8_t mode = kRandom;
   std::int64_t n, len = kDefaultRecord;
   std::string name;
+  host::Share share = host::Share::all;
   if (t->kind == ',') {
     if (!mode_from_letter(first, &mode)) return;
     ++t;
@@ -166,6 +193,7 @@ void stmt_open(const Token*& t) {
       }
       ++t;
     }
+    if (!sharing_clause(t, &share)) return;
     if (!values::expect(t, core::KW_AS, "Syntax error") || !parse_file_number(t, &n)) return;
     if (is_word(t, "LEN")) {
       ++t;
@@ -176,7 +204,7 @@ void stmt_open(const Token*& t) {
     core::raise("Syntax error");
     return;
   }
-  (void)open_file(n, mode, name, static_cast<std::uint32_t>(len));
+  (void)open_file(n, mode, name, static_cast<std::uint32_t>(len), share);
 }
 
 // CLOSE closes every file; CLOSE [#]n[, [#]n...] the ones named (a number
@@ -199,7 +227,7 @@ void stmt_close(const Token*& t) {
 void print_to_file(const Token*& t) {
   FileSlot* s = output_target(t);
   if (!s) return;
-  core::OutSink out{file_put, file_column, 0, s};
+  core::OutSink out{file_put, file_column, s->width, s};
   core::print_list(t, out);
   (void)check_write(*s);
 }
@@ -328,6 +356,90 @@ void stmt_put(const Token*& t) {
   }
   s->past_end = false;
   s->last_record = rec;
+}
+
+// RESET: close every file (as CLOSE alone does).
+void stmt_reset(const Token*& t) {
+  ++t;
+  if (!core::at_statement_end(t)) {
+    core::raise("Syntax error");
+    return;
+  }
+  for (int i = 1; i <= kMaxFiles; ++i)
+    if (!close_file(i)) return;
+}
+
+namespace {
+
+// LOCK/UNLOCK [#]n [, rec | , [first] TO last]: records of a random file, the
+// whole file otherwise (and for a sequential file always).
+bool lock_statement(const Token*& t, bool lock) {
+  ++t;
+  std::int64_t n;
+  if (!parse_file_number(t, &n)) return false;
+  FileSlot* s = open_slot(n, kInput | kOutput | kAppend | kRandom);
+  if (!s) return false;
+  constexpr std::int64_t kWholeFile = INT64_MAX / 2;
+  std::int64_t first = 1, last = 0;
+  bool whole = true;
+  if (t->kind == ',') {
+    ++t;
+    whole = false;
+    if (t->kind != core::KW_TO && !values::eval_int64(t, &first)) return false;
+    last = first;
+    if (t->kind == core::KW_TO) {
+      ++t;
+      if (!values::eval_int64(t, &last)) return false;
+    }
+    if (first < 1 || last < first || last > INT64_MAX / kMaxRecord) return fail("Bad record number");
+  }
+  if (!core::at_statement_end(t)) return fail("Syntax error");
+  FileSlot::Range r{0, kWholeFile};
+  if (!whole && s->mode == kRandom) r = {(first - 1) * s->reclen, (last - first + 1) * s->reclen};
+  if (s->mode == kOutput || s->mode == kAppend) (void)flush_output(*s);  // bytes before the lock reach the file
+  auto held = std::find_if(s->locks.begin(), s->locks.end(),
+                           [&r](const FileSlot::Range& h) { return h.start == r.start && h.length == r.length; });
+  if (lock) {
+    // Another program's lock on any of the bytes refuses this one.
+    if (!host::lock_range(s->f, r.start, r.length, true)) return fail("Permission denied");
+    if (held == s->locks.end()) s->locks.push_back(r);
+    return true;
+  }
+  // UNLOCK names a range exactly as its LOCK did.
+  if (held == s->locks.end() || !host::lock_range(s->f, r.start, r.length, false)) return fail("Permission denied");
+  s->locks.erase(held);
+  return true;
+}
+
+}  // namespace
+
+void stmt_lock(const Token*& t) { (void)lock_statement(t, true); }
+void stmt_unlock(const Token*& t) { (void)lock_statement(t, false); }
+
+// WIDTH #n, w: PRINT # to that file starts a new line after w columns (0 or
+// 255: never). WIDTH w: PRINT to the console does the same within the text
+// region (255: at the region's edge only).
+void stmt_width(const Token*& t) {
+  ++t;
+  const bool file = t->kind == '#';
+  std::int64_t n = 0, w;
+  if (file && (!parse_file_number(t, &n) || !values::expect(t, ',', "Syntax error"))) return;
+  if (!values::eval_int64(t, &w)) return;
+  if (!core::at_statement_end(t)) {
+    core::raise("Syntax error");
+    return;
+  }
+  if (w < (file ? 0 : 1) || w > 255) {
+    core::raise("Illegal function call");
+    return;
+  }
+  const std::uint32_t width = w == 255 ? 0 : static_cast<std::uint32_t>(w);
+  if (!file) {
+    screen::con.print_width = width;
+    return;
+  }
+  FileSlot* s = open_slot(n, kOutput | kAppend | kRandom);
+  if (s) s->width = width;
 }
 
 extern bool keep_files_once;

@@ -21,6 +21,10 @@ void print_to_file(const Token*& t);
 void write_to_file(const Token*& t);
 void input_from_file(const Token*& t);
 void line_input_from_file(const Token*& t);
+void stmt_reset(const Token*& t);   // RESET
+void stmt_lock(const Token*& t);    // LOCK [#]n [, rec | [first] TO last]
+void stmt_unlock(const Token*& t);  // UNLOCK, the same forms
+void stmt_width(const Token*& t);   // WIDTH [#n,] w
 
 // Directories and whole files (dir_statements.cpp).
 void stmt_kill(const Token*& t);
@@ -66,7 +70,8 @@ constexpr void install_file_statements(core::HandlerTable& table) {
 inline constexpr core::NamedStatement kFileNamed[] = {
     {"STATEWRITE", stmt_statewrite}, {"STATELOAD", stmt_stateload}, {"FILECOPY", stmt_filecopy},
     {"FILECOMMIT", stmt_filecommit}, {"SESSIONLOCK", stmt_sessionlock}, {"GETFILES", stmt_getfiles},
-    {"GETDRIVES", stmt_getdrives},
+    {"GETDRIVES", stmt_getdrives}, {"RESET", stmt_reset}, {"LOCK", stmt_lock}, {"UNLOCK", stmt_unlock},
+    {"WIDTH", stmt_width},
 };
 inline constexpr int kFileNamedCount = static_cast<int>(sizeof kFileNamed / sizeof kFileNamed[0]);
 

@@ -126,7 +126,8 @@ bool file_name_value(const core::Token*& t, std::string* out) {
   return core::check_file_name(v.s.ptr, v.s.len, out);
 }
 
-bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::uint32_t reclen) {
+bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::uint32_t reclen,
+               host::Share share) {
   FileSlot* s = any_slot(n);
   if (!s) return false;
   if (s->mode != kClosed) return fail("File already open");
@@ -142,8 +143,10 @@ bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::
   if (kind == 2) return fail("Permission denied");
   if (mode == kInput && kind == 0) return fail(parent_exists(name) ? "File not found" : "Path not found");
   const char* how = mode == kInput ? "rb" : mode == kOutput ? "wb" : mode == kAppend ? "ab" : kind ? "r+b" : "w+b";
-  std::FILE* f = host::open_file(name, how);
+  host::FileFault fault;
+  std::FILE* f = host::open_file_shared(name, how, share, &fault);
   if (!f) {
+    if (fault == host::FileFault::in_use) return fail("Permission denied");  // another opener's clause
     if (!parent_exists(name)) return fail("Path not found");
     return fail(mode == kInput && host::path_kind(name) == 0 ? "File not found" : "Permission denied");
   }

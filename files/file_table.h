@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "core/token.h"
 #include "host/platform.h"
@@ -34,6 +35,11 @@ struct FileSlot {
   char* buf = nullptr;          // sequential files: kBufferBytes
   std::uint32_t pos = 0;        // input: next unread byte in buf
   std::uint32_t len = 0;        // input: bytes in buf; output: bytes waiting to be written
+  std::uint32_t width = 0;      // WIDTH #: PRINT # starts a new line at this column (0: never)
+  struct Range {
+    std::int64_t start, length;
+  };
+  std::vector<Range> locks;     // LOCK's ranges, each released by an UNLOCK naming it again
 };
 
 // The slot of an open file number, checked: "Bad file number" outside
@@ -46,7 +52,9 @@ FileSlot* any_slot(std::int64_t n);
 bool parse_file_number(const core::Token*& t, std::int64_t* n);
 
 // Open a file into a free slot; raises the open failure's message.
-bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::uint32_t reclen);
+// `share`: OPEN's SHARED or LOCK clause (Share::all without one).
+bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::uint32_t reclen,
+               host::Share share = host::Share::all);
 // Close one number (nothing happens when it is not open). False and a raised
 // error when buffered bytes could not be written; the slot is free either way.
 bool close_file(std::int64_t n);
@@ -62,6 +70,13 @@ bool in_record_buffer(const char* p);
 // Sequential output: one byte into the buffer (the column follows it).
 bool flush_output(FileSlot& s);
 inline void put_byte(FileSlot& s, std::uint8_t c) {
+  if (s.width && s.column >= s.width && c != 13 && c != 10) {
+    // WIDTH #: the line is full; it ends here as PRINT # would end it.
+    if (s.len + 2 > kBufferBytes) (void)flush_output(s);
+    s.buf[s.len++] = 13;
+    s.buf[s.len++] = 10;
+    s.column = 0;
+  }
   if (s.len == kBufferBytes) (void)flush_output(s);
   s.buf[s.len++] = static_cast<char>(c);
   s.column = c == 13 || c == 10 ? 0 : s.column + 1;

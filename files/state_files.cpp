@@ -69,23 +69,12 @@ bool staged_name(const std::string& target, std::string* out) {
 }  // namespace
 
 bool write_durably(const std::string& name, const std::string& bytes) {
-  std::string temp = name + ".TMP";
-  if (temp.size() > 4095) return fail("Path too long");
-  std::FILE* f = host::open_file(temp, "wb");
-  if (!f) return fail(host::path_kind(name) == 2 ? "Permission denied" : "Path not found");
-  bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-  ok = host::sync_file(f) && ok;
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok) {
-    (void)host::delete_file(temp);
-    return fail("Disk I/O error");
-  }
-  const host::FileFault r = host::replace_file(temp, name);
-  if (r != host::FileFault::none) {
-    (void)host::delete_file(temp);
-    return fail(fault_message(r));
-  }
-  return true;
+  if (name.size() + 4 > 4095) return fail("Path too long");
+  bool created;
+  const host::FileFault r = host::write_file_replacing(name, bytes.data(), bytes.size(), &created);
+  if (r == host::FileFault::none) return true;
+  if (created && r == host::FileFault::disk_full) return fail("Disk I/O error");
+  return fail(fault_message(r));
 }
 
 void release_session_locks() {

@@ -46,39 +46,58 @@ void append_utf8(std::string& out, char32_t u) {
   }
 }
 
-std::int32_t Utf8Decoder::feed(std::uint8_t b) {
-  if (need_ == 0) {
-    if (b < 0x80) return b;
-    if ((b & 0xE0) == 0xC0) {
-      cp_ = b & 0x1F;
-      need_ = 1;
-    } else if ((b & 0xF0) == 0xE0) {
-      cp_ = b & 0x0F;
-      need_ = 2;
-    } else if ((b & 0xF8) == 0xF0) {
-      cp_ = b & 0x07;
-      need_ = 3;
-    } else {
-      return 0xFFFD;
+int Utf8Decoder::feed(std::uint8_t b, char32_t out[2]) {
+  int n = 0;
+  if (need_ > 0) {
+    if (b >= lo_ && b <= hi_) {
+      cp_ = (cp_ << 6) | (b & 0x3F);
+      lo_ = 0x80;
+      hi_ = 0xBF;
+      if (--need_ == 0) out[n++] = cp_;
+      return n;
     }
-    return -1;
-  }
-  if ((b & 0xC0) != 0x80) {
     need_ = 0;
-    return 0xFFFD;
+    lo_ = 0x80;
+    hi_ = 0xBF;
+    out[n++] = 0xFFFD;  // the sequence ends here; b is looked at afresh
   }
-  cp_ = (cp_ << 6) | (b & 0x3F);
-  if (--need_ == 0) return static_cast<std::int32_t>(cp_);
-  return -1;
+  if (b < 0x80) {
+    out[n++] = b;
+  } else if (b >= 0xC2 && b <= 0xDF) {
+    cp_ = b & 0x1F;
+    need_ = 1;
+  } else if (b >= 0xE0 && b <= 0xEF) {
+    cp_ = b & 0x0F;
+    need_ = 2;
+    if (b == 0xE0) lo_ = 0xA0;  // no overlong forms
+    if (b == 0xED) hi_ = 0x9F;  // no surrogates
+  } else if (b >= 0xF0 && b <= 0xF4) {
+    cp_ = b & 0x07;
+    need_ = 3;
+    if (b == 0xF0) lo_ = 0x90;
+    if (b == 0xF4) hi_ = 0x8F;  // nothing past U+10FFFF
+  } else {
+    out[n++] = 0xFFFD;  // a stray continuation byte, C0, C1 or F5..FF
+  }
+  return n;
+}
+
+bool Utf8Decoder::finish(char32_t* out) {
+  const bool open = need_ > 0;
+  need_ = 0;
+  lo_ = 0x80;
+  hi_ = 0xBF;
+  if (open) *out = 0xFFFD;
+  return open;
 }
 
 static std::u32string decode_utf8(const std::string& in) {
   std::u32string out;
   Utf8Decoder d;
-  for (unsigned char b : in) {
-    const std::int32_t cp = d.feed(b);
-    if (cp >= 0) out += static_cast<char32_t>(cp);
-  }
+  char32_t cps[2];
+  for (unsigned char b : in)
+    for (int i = 0, n = d.feed(b, cps); i < n; ++i) out += cps[i];
+  if (d.finish(cps)) out += cps[0];
   return out;
 }
 

@@ -20,15 +20,22 @@ std::string utf16_to_utf8(const std::u16string& in);
 std::string cp437_to_utf8(const std::string& in);
 void append_utf8(std::string& out, char32_t u);
 
-// Incremental UTF-8 decoder for byte streams (stdin). Returns a code point
-// when one is complete, -1 while more bytes are needed, 0xFFFD for bad input.
+// Incremental UTF-8 decoder for byte streams (stdin, typed text). A broken
+// or overlong sequence, a surrogate or a value past U+10FFFF gives one
+// U+FFFD, and the byte that broke a sequence starts anew (so a line end
+// right after a lone lead byte is still a line end).
 class Utf8Decoder {
  public:
-  std::int32_t feed(std::uint8_t b);
+  // Feed one byte; writes up to two code points to out and returns how many.
+  int feed(std::uint8_t b, char32_t out[2]);
+  // The end of a line or of the input: an unfinished sequence becomes U+FFFD
+  // (true and *out set); the decoder starts clean.
+  bool finish(char32_t* out);
 
  private:
   char32_t cp_ = 0;
   int need_ = 0;
+  std::uint8_t lo_ = 0x80, hi_ = 0xBF;  // allowed range of the next continuation byte
 };
 
 }  // namespace host

@@ -148,7 +148,9 @@ void interpreter_thread() {
     std::string name = shell.autostart;
     if (name.size() > 4100) name.resize(4100);
     run_direct("LOAD \"" + name + "\"");
-    if (!core::err.flag && !stop_requested()) run_direct("RUN");
+    // A program that cannot be loaded fails a batch run (its message is out).
+    if (core::err.flag) core::last_run_failed = true;
+    else if (!stop_requested()) run_direct("RUN");
     if (!stop_requested() && !shell.batch) print_ready();
   } else {
     std::string startup = shell.module_dir;
@@ -163,7 +165,8 @@ void interpreter_thread() {
   }
   if (shell.batch) {
     // Batch runs end with the program instead of reading more lines.
-    shell.exit_code.store(core::last_run_failed ? 1 : 0);
+    // A run that STOP or a break interrupted did not finish: that fails too.
+    shell.exit_code.store(core::last_run_failed || core::last_run_interrupted ? 1 : 0);
     if (ui) ui->post_close();
     return;
   }

@@ -2,6 +2,8 @@
 #include "host/options.h"
 
 #include "host/cp437.h"
+#include "host/packed.h"
+#include "host/platform.h"
 #include "host/shell.h"
 
 namespace host {
@@ -17,6 +19,21 @@ const char* const kUsage =
     "  --screenshot FILE  at exit, write the framebuffer as PNG (or BMP by extension)\n"
     "  --version          print the version\n"
     "  --help             print this text\n";
+
+namespace {
+
+// Without a file named, a batch run still has a program when the executable
+// carries one or STARTUP.BAS stands beside it.
+bool batch_program_exists() {
+  const std::string exe = executable_path();
+  if (detect_packed_program(exe)) return true;
+  std::string dir = directory_of(exe);
+  if (dir.empty()) return false;
+  if (dir.back() != path_separator()) dir += path_separator();
+  return file_readable(dir + "STARTUP.BAS");
+}
+
+}  // namespace
 
 OptionResult take_options(std::vector<std::u16string>& words, std::string* message) {
   std::size_t i = 1;
@@ -48,6 +65,11 @@ OptionResult take_options(std::vector<std::u16string>& words, std::string* messa
     ++i;
   }
   words.erase(words.begin() + 1, words.begin() + static_cast<std::ptrdiff_t>(i));
+  if (shell.batch && words.size() < 2 && !batch_program_exists()) {
+    // A batch run without a program would wait for nothing and succeed.
+    *message = "--batch needs a program file to run\n" + std::string(kUsage);
+    return OptionResult::ExitUsage;
+  }
   return OptionResult::Run;
 }
 

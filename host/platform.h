@@ -63,6 +63,20 @@ FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new
 // Atomic replacement: `from` takes the place of `to` (which may exist), and
 // the change of directory entry is on disk before this returns.
 FileFault replace_file(const std::string& cp437_from, const std::string& cp437_to);
+// A whole file written so that a crash or a full disk at any moment leaves
+// either the old file or the new one under the name, never a mixture: the
+// bytes go to name + ".TMP", are forced to the disk, and that file is renamed
+// over the old one. `created` tells whether the temporary file could be made
+// (false: nothing was written anywhere). On failure the temporary is removed.
+FileFault write_file_replacing(const std::string& cp437_name, const void* data, std::size_t n, bool* created);
+// OPEN's SHARED and LOCK clauses: what other openers of the file may do
+// while it is open here. open_file_shared fails with `in_use` when an
+// opener's own clause refuses this one (or this one refuses an opener).
+enum class Share { all, deny_read, deny_write, deny_both };
+std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Share share, FileFault* fault);
+// LOCK and UNLOCK: a byte range of an open file for this process alone;
+// false when another holder's range overlaps (or, unlocking, no such range).
+bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock);
 FileFault make_directory(const std::string& cp437_name);
 FileFault remove_directory(const std::string& cp437_name);
 FileFault change_directory(const std::string& cp437_name);
@@ -102,6 +116,11 @@ void unlock_file(void* lock);
 
 // End of the executable image in memory (the IMAGEEND landmark).
 std::uint64_t image_end();
+
+// --- environment ------------------------------------------------------------
+// Set (or, with an empty value, remove) a variable of the process
+// environment that getenv reads. False when the system refuses.
+bool set_environment(const std::string& name, const std::string& value);
 
 // --- diagnostics ----------------------------------------------------------
 // A start-up failure box: caption "Tambril BASIC", error icon (stderr on Linux).

@@ -1,6 +1,10 @@
 // Console put-character, region rules, scrolling and glyph drawing.
 #include "screen/console.h"
 
+#include <string>
+
+#include "screen/lineedit.h"
+
 #include <cstring>
 
 #include "host/platform.h"
@@ -34,6 +38,7 @@ Region text_region() {
     if (con.view_top > r.top) r.top = con.view_top;
     if (con.view_bottom < r.bottom) r.bottom = con.view_bottom;
   }
+  if (con.key_line && rows > 1 && r.bottom >= rows - 1) r.bottom = rows - 2 > r.top ? rows - 2 : r.top;
   return r;
 }
 
@@ -195,7 +200,33 @@ void reset_console() {
   con.has_window = false;
   con.has_viewport = false;
   con.full_screen_override = false;
+  con.print_width = 0;
+  con.key_line = false;
   con.row = con.col = 0;
+}
+
+void show_key_line(bool on) {
+  const std::uint32_t cols = text_columns(), rows = text_rows();
+  if (rows < 2) return;
+  const std::uint32_t last = rows - 1;
+  if (on && !con.key_line && con.row >= last) {
+    // The cursor's row becomes the key line: the text moves up one row first.
+    scroll_region_up();
+    con.row = last - 1;
+  }
+  con.key_line = on;
+  const std::uint32_t slot = cols / static_cast<std::uint32_t>(kFunctionKeys);
+  for (std::uint32_t c = 0; c < cols; ++c) put_cell(last, c, ' ');
+  if (!on || slot < 3) return;
+  for (std::uint32_t k = 0; k < static_cast<std::uint32_t>(kFunctionKeys); ++k) {
+    // "1LIST   2RUN  ...": the number, then the text (control characters blank).
+    const std::string label = std::to_string(k + 1);
+    const std::string& text = function_keys[k];
+    std::uint32_t c = k * slot;
+    for (char ch : label) put_cell(last, c++, static_cast<std::uint8_t>(ch));
+    for (std::size_t i = 0; i < text.size() && c < (k + 1) * slot - 1; ++i, ++c)
+      put_cell(last, c, static_cast<std::uint8_t>(text[i]) < 32 ? ' ' : static_cast<std::uint8_t>(text[i]));
+  }
 }
 
 }  // namespace screen

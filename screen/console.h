@@ -28,6 +28,10 @@ struct Console {
   // While set, put_char does not offer bytes to the headless echo (the line
   // editor draws what the user typed; it is input, not output).
   bool echo_suppressed = false;
+  // WIDTH n: PRINT starts a new line after n columns of the region (0: at its edge).
+  std::uint32_t print_width = 0;
+  // KEY ON: the bottom row shows the function keys and is not part of the text region.
+  bool key_line = false;
 };
 
 extern Console con;
@@ -50,6 +54,9 @@ void scroll_region_up();
 void draw_glyph(std::int64_t x, std::int64_t y, std::uint8_t ch, std::uint32_t fg, std::uint32_t bg);
 // Draw a character into a cell and record it, without moving the cursor.
 void put_cell(std::uint32_t row, std::uint32_t col, std::uint8_t ch);
+// KEY ON/OFF: show the function-key labels on the bottom row (redrawn by
+// KEY n) or take them away.
+void show_key_line(bool on);
 // Start-up / reset state: COLOR 15,0, no text window or viewport, cursor home.
 void reset_console();
 

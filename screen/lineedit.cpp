@@ -12,6 +12,9 @@
 namespace screen {
 
 bool edit_insert_mode = true;
+// The classic assignments, with the commands this system has.
+std::string function_keys[kFunctionKeys] = {"LIST ", "RUN\r", "LOAD\"", "SAVE\"", "CONT\r",
+                                            "FILES\r", "TRON\r", "TROFF\r", "KEY ", "CLS\r"};
 
 namespace {
 
@@ -75,6 +78,9 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
   keys.editor_waiting.store(1);
   if (flags & kEditReadyPrompt) keys.ready_prompt_waiting.store(1);
   int result = -1;
+  // A function key's text, typed one character after another.
+  const std::string* typing = nullptr;
+  std::size_t typed = 0;
   for (;;) {
     f.reveal(len);
     draw(f, buf, len, shown);
@@ -91,10 +97,22 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
     cursor.visible.store(1);
     if (host::ui) host::ui->repaint_now();
     KeyEntry k;
-    const bool got = keys.wait(&k);
+    bool got = true;
+    if (typing && typed < typing->size()) {
+      k.code = 0;
+      k.ch = static_cast<std::uint8_t>((*typing)[typed++]);
+    } else {
+      typing = nullptr;
+      got = keys.wait(&k);
+    }
     cursor.visible.store(0);
     if (!got) break;
     const std::uint16_t code = k.code & 0xFF;
+    if (code >= kKeyF1 && code < kKeyF1 + kFunctionKeys && !function_keys[code - kKeyF1].empty()) {
+      typing = &function_keys[code - kKeyF1];
+      typed = 0;
+      continue;
+    }
     if (code == kKeyEsc) break;
     if (code == kKeyDebugger) {
       // The debugger arrives with the developer tools; the request is consumed.

@@ -1,6 +1,8 @@
 // The console line editor used by the Ready prompt, INPUT and LINE INPUT.
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace screen {
 
@@ -17,5 +19,11 @@ int line_edit(char* buf, int cap, std::uint32_t flags);
 
 // Insert/overwrite mode persists between inputs; insert is the default.
 extern bool edit_insert_mode;
+
+// KEY n, text$: what F1..F10 type into the line editor (at the prompt and in
+// INPUT); a CR in the text is Enter. At most kFunctionKeyChars each.
+constexpr int kFunctionKeys = 10;
+constexpr std::size_t kFunctionKeyChars = 15;
+extern std::string function_keys[kFunctionKeys];
 
 }  // namespace screen

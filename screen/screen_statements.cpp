@@ -17,6 +17,7 @@
 #include "screen/accept.h"
 #include "screen/capture.h"
 #include "screen/console.h"
+#include "screen/lineedit.h"
 #include "screen/framebuffer.h"
 #include "screen/keynames.h"
 #include "screen/keyqueue.h"
@@ -543,5 +544,54 @@ const values::Builtin kScreenFunctions[] = {
     {"VIDEOMODES", f_videomodes},
 };
 const int kScreenFunctionCount = static_cast<int>(sizeof kScreenFunctions / sizeof kScreenFunctions[0]);
+
+void stmt_key(const core::Token*& t) {
+  ++t;
+  auto done = [&t]() {
+    if (core::at_statement_end(t)) return true;
+    core::raise("Syntax error");
+    return false;
+  };
+  if (t->kind == core::KW_ON || (t->kind == core::kTokIdent && !std::strcmp(t->name(), "OFF"))) {
+    const bool on = t->kind == core::KW_ON;
+    ++t;
+    if (done()) show_key_line(on);
+    return;
+  }
+  if (t->kind == core::KW_LIST) {
+    ++t;
+    if (!done()) return;
+    for (int k = 0; k < kFunctionKeys; ++k) {
+      // Control characters show as ^letter (a CR as ^M).
+      std::string line = "F" + std::to_string(k + 1) + " ";
+      for (char c : function_keys[k]) {
+        if (static_cast<std::uint8_t>(c) < 32) {
+          line += '^';
+          line += static_cast<char>(c + 64);
+        } else {
+          line += c;
+        }
+      }
+      put_line(line.c_str());
+    }
+    return;
+  }
+  std::int64_t n;
+  if (!values::eval_int64(t, &n) || !values::expect(t, ',', "Syntax error")) return;
+  values::Value v;
+  if (!values::eval(t, &v)) return;
+  if (v.type != values::kString) {
+    core::raise("Type mismatch");
+    return;
+  }
+  if (!done()) return;
+  if (n < 1 || n > kFunctionKeys) {
+    core::raise("Illegal function call");
+    return;
+  }
+  const std::size_t len = v.s.len < kFunctionKeyChars ? v.s.len : kFunctionKeyChars;
+  function_keys[n - 1].assign(v.s.ptr ? v.s.ptr : "", len);
+  if (con.key_line) show_key_line(true);
+}
 
 }  // namespace screen

@@ -39,11 +39,15 @@ constexpr void install_screen_statements(core::HandlerTable& table) {
   table[core::KW_WAITREL] = stmt_waitrel;
 }
 
+// KEY ON | OFF | LIST | n, text$: the function keys of the line editor.
+void stmt_key(const core::Token*& t);
+
 inline constexpr core::NamedStatement kScreenNamed[] = {
     {"ACCEPT", stmt_accept},
     {"BEEP", stmt_beep},
     {"CAPTURE", stmt_capture},
     {"GPRINT", stmt_gprint},
+    {"KEY", stmt_key},
 };
 
 // SCREEN(row,col[,z]), POINT(x,y), MOUSEX, MOUSEY, MOUSEB, MOUSEWHEEL,

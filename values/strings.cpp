@@ -25,6 +25,13 @@ struct Temp {
 Temp temps[kTemporaries];
 bool adoption = true;
 std::uint64_t since_compaction = 0;
+// The live string bytes the last compaction left. A compaction costs time in
+// proportion to what is live, so the next one waits until enough has been
+// allocated to pay for it: 8 MiB and half the live bytes. When the gap is
+// small it waits until what it could win (at most what was allocated since)
+// is a quarter of the gap it would leave. Filling the heap therefore costs a
+// logarithmic number of compactions, never one per statement.
+std::uint64_t live_after = 0;
 
 std::uint64_t addr(const void* p) { return reinterpret_cast<std::uint64_t>(p); }
 
@@ -64,6 +71,13 @@ void finish(std::uint8_t* new_freetop) {
   arena.freetop = new_freetop;
   since_compaction = 0;
   compact_pending = false;
+  live_after = static_cast<std::uint64_t>(arena.himem - new_freetop);
+}
+
+bool compaction_due() {
+  const std::uint64_t gap = static_cast<std::uint64_t>(arena.freetop - arena.freebot);
+  if (since_compaction >= kCompactThreshold && since_compaction >= live_after / 2) return true;
+  return gap < kCompactThreshold && since_compaction >= gap / 4 + since_compaction / 4;
 }
 
 // No memory for the sort: move the highest remaining string down each round.
@@ -104,9 +118,7 @@ char* string_alloc(std::uint32_t n) {
   }
   arena.freetop -= n;
   since_compaction = since_compaction + n < since_compaction ? UINT64_MAX : since_compaction + n;
-  if (since_compaction >= kCompactThreshold ||
-      static_cast<std::uint64_t>(arena.freetop - arena.freebot) < kCompactThreshold)
-    compact_pending = true;
+  if (compaction_due()) compact_pending = true;
   return reinterpret_cast<char*>(arena.freetop);
 }
 
@@ -188,8 +200,11 @@ void compact_strings() {
       len = std::max(len, refs[lo]->length);
     }
     dest -= len;
-    std::memmove(dest, refs[hi - 1]->ptr, len);
-    for (std::uint64_t i = lo; i < hi; ++i) refs[i]->ptr = reinterpret_cast<char*>(dest);
+    // Strings already in place (below them nothing was freed) stay put.
+    if (dest != reinterpret_cast<std::uint8_t*>(refs[hi - 1]->ptr)) {
+      std::memmove(dest, refs[hi - 1]->ptr, len);
+      for (std::uint64_t i = lo; i < hi; ++i) refs[i]->ptr = reinterpret_cast<char*>(dest);
+    }
     hi = lo;
   }
   std::free(refs);
@@ -200,6 +215,7 @@ void strings_reset() {
   clear_temporaries();
   since_compaction = 0;
   compact_pending = false;
+  live_after = 0;
 }
 
 }  // namespace values

@@ -112,6 +112,17 @@ class Headless final : public Frontend {
     Utf8Decoder dec;
     bool after_cr = false;
     unsigned char buf[4096];
+    char32_t cps[2];
+    // A broken sequence shows as "?" where it stood; a character without a
+    // code page 437 counterpart is dropped.
+    auto put = [](char32_t u) {
+      if (u == 0xFFFD) {
+        screen::keys.push(0, '?');
+        return;
+      }
+      const int c = unicode_to_cp437(u);
+      if (c >= 0) screen::keys.push(0, static_cast<std::uint16_t>(c));
+    };
     for (;;) {
       const auto n = read(0, buf, sizeof buf);
       if (n <= 0) break;
@@ -122,20 +133,16 @@ class Headless final : public Frontend {
           continue;
         }
         after_cr = b == '\r';
-        if (b == '\n' || b == '\r') {
-          screen::keys.push(0, 13);
+        if (b == '\n' || b == '\r' || b == 27) {
+          // Every line starts with a clean decoder.
+          if (dec.finish(cps)) put(cps[0]);
+          screen::keys.push(b == 27 ? screen::kKeyEsc : 0, b == 27 ? 0 : 13);
           continue;
         }
-        if (b == 27) {
-          screen::keys.push(screen::kKeyEsc, 0);
-          continue;
-        }
-        const std::int32_t cp = dec.feed(b);
-        if (cp < 0) continue;
-        const int c = unicode_to_cp437(static_cast<char32_t>(cp));
-        if (c >= 0) screen::keys.push(0, static_cast<std::uint16_t>(c));
+        for (int k = 0, m = dec.feed(b, cps); k < m; ++k) put(cps[k]);
       }
     }
+    if (dec.finish(cps)) put(cps[0]);
     screen::keys.set_input_ended();
   }
 

@@ -18,9 +18,11 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "host/cp437.h"
 #include "host/platform.h"
+#include "host/posix/confine.h"
 
 extern "C" char end;  // the linker's symbol for the end of the loaded image
 
@@ -32,7 +34,11 @@ void* reserve_memory(std::size_t bytes) {
   // NORESERVE: the kernel hands out zero pages on first touch, so reserving a
   // large arena is free until it is used.
   void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  return p == MAP_FAILED ? nullptr : p;
+  if (p == MAP_FAILED) return nullptr;
+  // Large pages where the kernel offers them: a string of gigabytes then
+  // takes thousands of page faults instead of hundreds of thousands.
+  if (bytes >= (64u << 20)) (void)madvise(p, bytes, MADV_HUGEPAGE);
+  return p;
 }
 
 void release_memory(void* base, std::size_t bytes) {
@@ -186,8 +192,53 @@ static std::string case_insensitive_match(const std::string& path) {
   return found;
 }
 
-std::FILE* open_file(const std::string& cp437_name, const char* mode) {
+// --- confinement (fuzzing) ----------------------------------------------
+
+static std::string jail;  // empty: no confinement
+
+// The absolute, lexically normalised form of a path ("." and ".." folded).
+static std::string normalised(const std::string& path) {
+  std::string full = path;
+  if (full.empty() || full[0] != '/') full = current_directory() + "/" + full;
+  std::vector<std::string> parts;
+  std::size_t i = 0;
+  while (i <= full.size()) {
+    const std::size_t j = full.find('/', i);
+    const std::string part = full.substr(i, j == std::string::npos ? std::string::npos : j - i);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    if (j == std::string::npos) break;
+    i = j + 1;
+  }
+  std::string out;
+  for (const std::string& p : parts) out += "/" + p;
+  return out.empty() ? "/" : out;
+}
+
+bool confine_files(const std::string& dir) {
+  char real[PATH_MAX];
+  if (!realpath(dir.c_str(), real)) return false;
+  jail = real;
+  return true;
+}
+
+// A BASIC file name as the system's path. Under confinement a path that
+// leaves the jail names a place that cannot exist, so every operation on it
+// fails as on a missing file. (No BASIC statement makes a symbolic link, so
+// the lexical check is the whole check.)
+static std::string native_name(const std::string& cp437_name) {
   std::string path = cp437_to_utf8(cp437_name);
+  if (jail.empty()) return path;
+  const std::string n = normalised(path);
+  if (n == jail || n.compare(0, jail.size() + 1, jail + "/") == 0) return path;
+  return "/nonexistent/outside-the-confinement";
+}
+
+std::FILE* open_file(const std::string& cp437_name, const char* mode) {
+  std::string path = native_name(cp437_name);
   if (access(path.c_str(), F_OK) != 0) {
     const std::string other = case_insensitive_match(path);
     if (!other.empty()) path = other;  // also when writing: replace that file
@@ -195,12 +246,39 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
   return std::fopen(path.c_str(), mode);
 }
 
+std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Share share, FileFault* fault) {
+  *fault = FileFault::none;
+  std::FILE* f = open_file(cp437_name, mode);
+  if (!f) {
+    *fault = errno == ENOENT ? FileFault::not_found : errno == ENOTDIR ? FileFault::path_not_found : FileFault::denied;
+    return nullptr;
+  }
+  // Linux has no sharing modes: every open takes an advisory whole-file lock,
+  // shared for SHARED (and no clause), exclusive for any LOCK clause, so that
+  // the clauses refuse each other between programs as they do on Windows.
+  if (flock(fileno(f), (share == Share::all ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0) {
+    std::fclose(f);
+    *fault = FileFault::in_use;
+    return nullptr;
+  }
+  return f;
+}
+
+bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock) {
+  struct flock fl {};
+  fl.l_type = lock ? F_WRLCK : F_UNLCK;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = static_cast<off_t>(start);
+  fl.l_len = static_cast<off_t>(length);
+  return fcntl(fileno(f), F_SETLK, &fl) == 0;
+}
+
 // --- files and directories --------------------------------------------------
 
 // The native name of an existing file or directory: the exact name, else one
 // that differs only in case (see case_insensitive_match).
 static std::string native_existing(const std::string& cp437_name) {
-  std::string path = cp437_to_utf8(cp437_name);
+  std::string path = native_name(cp437_name);
   if (access(path.c_str(), F_OK) != 0) {
     const std::string other = case_insensitive_match(path);
     if (!other.empty()) return other;
@@ -245,7 +323,7 @@ FileFault delete_file(const std::string& cp437_name) {
 FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new) {
   const std::string from = native_existing(cp437_old);
   if (access(from.c_str(), F_OK) != 0) return fault_from_errno(errno);
-  const std::string to = cp437_to_utf8(cp437_new);
+  const std::string to = native_name(cp437_new);
   if (access(to.c_str(), F_OK) == 0 || !case_insensitive_match(to).empty()) {
     // The same entry under another spelling of its case is a plain rename.
     struct stat a {}, b {};
@@ -264,7 +342,7 @@ FileFault replace_file(const std::string& cp437_from, const std::string& cp437_t
 }
 
 FileFault make_directory(const std::string& cp437_name) {
-  const std::string path = cp437_to_utf8(cp437_name);
+  const std::string path = native_name(cp437_name);
   if (!case_insensitive_match(path).empty()) return FileFault::exists;
   return result(mkdir(path.c_str(), 0777));
 }
@@ -279,12 +357,14 @@ std::string current_directory_cp437() {
   if (utf8_to_cp437(utf8, &out)) return out;
   out.clear();
   Utf8Decoder d;
-  for (unsigned char c : utf8) {
-    const std::int32_t u = d.feed(c);
-    if (u < 0) continue;
-    const int b = unicode_to_cp437(static_cast<char32_t>(u));
+  char32_t cps[2];
+  auto put = [&out](char32_t u) {
+    const int b = unicode_to_cp437(u);
     out += b < 0 ? '?' : static_cast<char>(b);
-  }
+  };
+  for (unsigned char c : utf8)
+    for (int i = 0, n = d.feed(c, cps); i < n; ++i) put(cps[i]);
+  if (d.finish(cps)) put(cps[0]);
   return out;
 }
 
@@ -358,6 +438,11 @@ void unlock_file(void* lock) {
   const int fd = static_cast<int>(reinterpret_cast<std::intptr_t>(lock) - 1);
   flock(fd, LOCK_UN);
   close(fd);
+}
+
+bool set_environment(const std::string& name, const std::string& value) {
+  if (value.empty()) return unsetenv(name.c_str()) == 0;
+  return setenv(name.c_str(), value.c_str(), 1) == 0;
 }
 
 bool is_absolute_path(const std::string& path) { return !path.empty() && path[0] == '/'; }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -31,6 +32,15 @@ class Sdl final : public Frontend {
   bool init() {
     SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "0");
     if (SDL_Init(SDL_INIT_VIDEO | SDL_INIT_EVENTS | SDL_INIT_TIMER) != 0) return false;
+    // Without a display SDL falls back to its off-screen or dummy driver: a
+    // window nobody can see or type into. Only a user who asked for one of
+    // them by SDL_VIDEODRIVER gets it.
+    const char* driver = SDL_GetCurrentVideoDriver();
+    const char* asked = SDL_getenv("SDL_VIDEODRIVER");
+    if (driver && (!std::strcmp(driver, "offscreen") || !std::strcmp(driver, "dummy")) && !(asked && *asked)) {
+      SDL_Quit();
+      return false;
+    }
     user_event_ = SDL_RegisterEvents(1);
     return user_event_ != static_cast<Uint32>(-1);
   }
@@ -319,7 +329,10 @@ class Sdl final : public Frontend {
       }
     }
     switch (k) {
-      case SDLK_ESCAPE: return screen::kKeyEsc;
+      case SDLK_ESCAPE:
+      case SDLK_PAUSE:   // Pause, and Ctrl+Break (the same key with Ctrl)
+      case SDLK_CANCEL:  // what some keymaps make of Ctrl+Break
+        return screen::kKeyEsc;
       case SDLK_PAGEUP: return screen::kKeyPageUp;
       case SDLK_PAGEDOWN: return screen::kKeyPageDown;
       case SDLK_END: return screen::kKeyEnd;
@@ -416,12 +429,14 @@ class Sdl final : public Frontend {
     if ((mod & (KMOD_CTRL | KMOD_ALT)) && !((mod & KMOD_CTRL) && (mod & KMOD_ALT))) return;
     std::string cp;
     Utf8Decoder d;
+    char32_t cps[2];
     for (const char* p = utf8; *p; ++p) {
-      const std::int32_t u = d.feed(static_cast<std::uint8_t>(*p));
-      if (u < 32) continue;  // incomplete, or a control character
-      const int c = unicode_to_cp437(static_cast<char32_t>(u));
-      if (c < 0) continue;  // no code page 437 counterpart: swallowed
-      screen::keys.push_keydown(modifier_bits(mod), static_cast<std::uint16_t>(c), last_text_key_, last_text_repeat_);
+      for (int i = 0, n = d.feed(static_cast<std::uint8_t>(*p), cps); i < n; ++i) {
+        if (cps[i] < 32) continue;  // a control character
+        const int c = unicode_to_cp437(cps[i]);
+        if (c < 0) continue;  // no code page 437 counterpart: swallowed
+        screen::keys.push_keydown(modifier_bits(mod), static_cast<std::uint16_t>(c), last_text_key_, last_text_repeat_);
+      }
     }
   }
 

@@ -2,8 +2,10 @@
 // inside the system and UTF-16 at the Win32 calls.
 #include <windows.h>
 #include <io.h>
+#include <share.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "host/cp437.h"
@@ -193,6 +195,31 @@ std::string to_cp437_lossy(const std::wstring& w) {
 
 }  // namespace
 
+std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Share share, FileFault* fault) {
+  *fault = FileFault::none;
+  const std::string m(mode);
+  const int flag = share == Share::deny_read    ? _SH_DENYRD
+                   : share == Share::deny_write ? _SH_DENYWR
+                   : share == Share::deny_both  ? _SH_DENYRW
+                                                : _SH_DENYNO;
+  std::FILE* f = _wfsopen(wide(cp437_to_utf8(cp437_name)).c_str(), std::wstring(m.begin(), m.end()).c_str(), flag);
+  if (!f) {
+    unsigned long os_error = 0;
+    _get_doserrno(&os_error);
+    *fault = fault_from_error(static_cast<DWORD>(os_error));
+    if (*fault == FileFault::none || *fault == FileFault::other) *fault = FileFault::denied;
+  }
+  return f;
+}
+
+bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock) {
+  if (std::fflush(f) != 0) return false;
+  const HANDLE h = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(f)));
+  const DWORD lo = static_cast<DWORD>(start), hi = static_cast<DWORD>(static_cast<std::uint64_t>(start) >> 32);
+  const DWORD nlo = static_cast<DWORD>(length), nhi = static_cast<DWORD>(static_cast<std::uint64_t>(length) >> 32);
+  return (lock ? LockFile(h, lo, hi, nlo, nhi) : UnlockFile(h, lo, hi, nlo, nhi)) != 0;
+}
+
 FileFault delete_file(const std::string& cp437_name) { return result(DeleteFileW(wname(cp437_name).c_str())); }
 
 FileFault rename_file(const std::string& cp437_old, const std::string& cp437_new) {
@@ -290,6 +317,12 @@ void* lock_file(const std::string& cp437_name) {
 
 void unlock_file(void* lock) {
   if (lock) CloseHandle(lock);
+}
+
+bool set_environment(const std::string& name, const std::string& value) {
+  // The C runtime's copy is the one getenv reads; _putenv_s also updates the
+  // process environment that child processes inherit.
+  return _putenv_s(name.c_str(), value.c_str()) == 0;
 }
 
 bool is_absolute_path(const std::string& path) {

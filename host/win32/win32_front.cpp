@@ -446,7 +446,10 @@ class Win32 final : public Frontend {
 
   static std::uint16_t virtual_key_code(int vk) {
     switch (vk) {
-      case VK_ESCAPE: return screen::kKeyEsc;
+      case VK_ESCAPE:
+      case VK_PAUSE:   // Pause
+      case VK_CANCEL:  // Ctrl+Break
+        return screen::kKeyEsc;
       case VK_PRIOR: return screen::kKeyPageUp;
       case VK_NEXT: return screen::kKeyPageDown;
       case VK_END: return screen::kKeyEnd;

@@ -7,7 +7,8 @@ A transcript is a set of sections, each opened by a line "--- <kind> [arg]":
                       {dir} is the scratch directory the test runs in
   --- file NAME       a file written into the scratch directory before the run
   --- input           the bytes typed on stdin ({esc} is Esc, {cr} a bare CR,
-                      {X*N} the character X repeated N times; also in args)
+                      {X*N} the character X repeated N times, {xHH} the raw byte
+                      HH, which need not be valid UTF-8; also in args)
   --- output          the expected stdout; a line may hold {{regex}} parts
   --- exit N          the expected exit code (0 when absent)
   --- env NAME=VALUE  an environment variable for the run
@@ -48,8 +49,12 @@ def parse(path):
 
 
 def expand(text):
-    """{esc} is Esc, {cr} a bare CR, {X*N} the character X repeated N times."""
+    """{esc} is Esc, {cr} a bare CR, {X*N} the character X repeated N times,
+    {xHH} the raw byte HH (kept through encoding as a surrogate escape)."""
     text = re.sub(r"\{(.)\*(\d+)\}", lambda m: m.group(1) * int(m.group(2)), text)
+    text = re.sub(r"\{x([0-9A-Fa-f]{2})\}",
+                  lambda m: chr(int(m.group(1), 16)) if int(m.group(1), 16) < 0x80 else chr(0xDC00 + int(m.group(1), 16)),
+                  text)
     return text.replace("{esc}", "\x1b").replace("{cr}", "\r")
 
 
@@ -111,7 +116,7 @@ def run_once(a, sections, jit_mode):
                 sys.exit("unknown section: " + kind)
         cmd = shlex.split(a.runner) + [a.exe, "--headless"] + args
         try:
-            p = subprocess.run(cmd, input=stdin.encode("utf-8"), capture_output=True,
+            p = subprocess.run(cmd, input=stdin.encode("utf-8", "surrogateescape"), capture_output=True,
                                cwd=scratch, env=env, timeout=a.timeout)
         except subprocess.TimeoutExpired:
             print("TIMEOUT after %ss (JIT %s): %s" % (a.timeout, jit_mode, " ".join(cmd)))

@@ -3,7 +3,8 @@
 
 The window titled "Tambril BASIC 3.4.1" must appear with a 1024x768 client
 area whose text rows show the banner and "Ready." drawn with the built-in
-font, pixel for pixel. SIGTERM closes it like the close button, and the
+font, pixel for pixel. Typed keys edit and run lines; Pause and Ctrl+Break
+break a running program. SIGTERM closes it like the close button, and the
 --screenshot file is written at exit.
 """
 import argparse
@@ -145,10 +146,22 @@ def main():
         xdo("key", "Return")
         expect_rows([(16, "PRINT 6*7", None), (17, " 42", None), (18, "Ready.", None)], "direct line")
 
-        # Closing the window while a program runs ends the process promptly,
-        # although the program itself never stops.
+        # Pause and Ctrl+Break break a running program as Esc does.
         xdo("type", "--delay", "20", "20 GOTO 20")
         xdo("key", "Return")
+        xdo("type", "--delay", "20", "RUN 20")
+        xdo("key", "Return")
+        time.sleep(0.5)
+        xdo("key", "Pause")
+        expect_rows([(21, "Break in 20", None), (22, "Ready.", None)], "Pause")
+        xdo("type", "--delay", "20", "RUN 20")
+        xdo("key", "Return")
+        time.sleep(0.5)
+        xdo("key", "ctrl+Break")
+        expect_rows([(24, "Break in 20", None), (25, "Ready.", None)], "Ctrl+Break")
+
+        # Closing the window while a program runs ends the process promptly,
+        # although the program itself never stops.
         xdo("type", "--delay", "20", "RUN 20")
         xdo("key", "Return")
         time.sleep(0.5)

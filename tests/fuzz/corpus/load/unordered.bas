@@ -1,0 +1,5 @@
+100 PRINT "x"
+10	PRINT "tab"
+5 X=1
+
+20 GOSUB 100 junk
