@@ -9,6 +9,7 @@
 #include "core/keywords.h"
 #include "screen/screen_statements.h"
 #include "files/file_statements.h"
+#include "net/net.h"
 #include "values/eval.h"
 
 namespace core {
@@ -80,6 +81,7 @@ constexpr HandlerTable make_table() {
   table[KW_POKE32] = stmt_poke32;
   table[KW_POKE64] = stmt_poke64;
   screen::install_screen_statements(table);
+  net::install_net_statements(table);
   return table;
 }
 
@@ -94,6 +96,7 @@ const NamedGroup kNamedGroups[] = {
     {kCoreNamed, static_cast<int>(sizeof kCoreNamed / sizeof kCoreNamed[0])},
     {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
     {files::kFileNamed, files::kFileNamedCount},
+    {net::kNetNamed, net::kNetNamedCount},
 };
 
 Handler find_named(const char* name) {
