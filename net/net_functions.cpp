@@ -73,8 +73,10 @@ bool f_httpget(const Token*& t, Value* out) {
       detail = "The server's answer is not HTTP";
     }
     if (f != host::NetFault::none) return report(f, detail);
-    http_status = head.status;
-    if (!is_redirect(head.status) || !head.has_location) break;
+    if (!is_redirect(head.status) || !head.has_location) {
+      http_status = head.status;
+      break;
+    }
     if (hops == kMaxRedirects) {
       last_error = "More than " + std::to_string(kMaxRedirects) + " redirects, the last to " + head.location;
       return fail("Too many redirects");
