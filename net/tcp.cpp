@@ -29,6 +29,7 @@ struct Slot {
   std::uint64_t timeout_ms = 0;
   std::string pending;  // read, not yet handed to the program
   bool eof = false;     // the peer closed (or reset) the connection
+  std::string why;      // how it ended, for NETERROR$
 };
 Slot slots[kSlots + 1];  // 1..16
 
@@ -59,7 +60,7 @@ bool read_ahead(Slot& s) {
   s.pending.resize(old + (r > 0 ? static_cast<std::size_t>(r) : 0));
   if (r == 0 || r == -2) {
     s.eof = true;
-    last_error = r == 0 ? "Connection closed by the peer" : detail;
+    s.why = r == 0 ? "Connection closed by the peer" : detail;
   }
   return r != -1;
 }
@@ -156,7 +157,8 @@ bool f_tcprecv(const Token*& t, values::Value* out) {
   if (!values::make_string(s->pending.data(), k, out)) return false;
   s->pending.erase(0, k);
   if (k > 0) last_error.clear();
-  else if (!s->eof) last_error = "No data within " + std::to_string(wait) + " ms";
+  else if (s->eof) last_error = s->why;
+  else last_error = wait ? "No data within " + std::to_string(wait) + " ms" : "No data yet";
   return true;
 }
 
