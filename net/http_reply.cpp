@@ -135,7 +135,7 @@ bool parse_reply_head(const char* data, std::size_t n, ReplyHead* out) {
   std::string line;
   if (!next_line(&line)) return false;
   // "HTTP/1.1 200 OK", "HTTP/2 404": the version, one blank, three digits.
-  if (line.size() < 12 || line.compare(0, 5, "HTTP/") != 0) return false;
+  if (line.size() < 10 || line.compare(0, 5, "HTTP/") != 0) return false;
   std::size_t i = 5;
   while (i < line.size() && (is_digit(line[i]) || line[i] == '.')) ++i;
   if (i == 5 || i >= line.size() || line[i] != ' ') return false;

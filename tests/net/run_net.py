@@ -124,7 +124,9 @@ def run_one(path, exe, runner, places):
 
 def window_close(exe, places):
     """The real window (SDL under Xvfb) closed while a program waits on the
-    network: the process must end within 2.5 s for each kind of wait."""
+    network: the process must end within 1.5 s for each kind of wait. The
+    shell gives up on a stuck interpreter thread after 2 s and exits anyway,
+    so only a time below that shows that the wait itself ended."""
     failures = []
     n = next(i for i in range(90, 200) if not os.path.exists("/tmp/.X11-unix/X%d" % i)
              and not os.path.exists("/tmp/.X%d-lock" % i))
@@ -156,7 +158,8 @@ def window_close(exe, places):
                 try:
                     app.wait(timeout=10)
                     took = time.time() - closed_at
-                    if took > 2.5:
+                    print("%s: ended %.2f s after the close" % (what, took))
+                    if took > 1.5:
                         failures.append("%s: took %.1f s to end after the close" % (what, took))
                 except subprocess.TimeoutExpired:
                     app.kill()
