@@ -60,22 +60,28 @@ NetFault fault_of(CURLcode c) {
 
 NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t limit, const NetWait& wait,
                   HttpResponse* out, std::string* detail) {
+  // One multi handle for the session: it keeps the connections, so pages
+  // fetched one after another from a server reuse one connection as a
+  // browser (or the curl tool) would. Only the interpreter thread uses it.
   static std::once_flag once;
   static CURLcode global = CURLE_OK;
-  std::call_once(once, [] { global = curl_global_init(CURL_GLOBAL_DEFAULT); });
+  static CURLM* m = nullptr;
+  std::call_once(once, [] {
+    global = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (global == CURLE_OK) m = curl_multi_init();
+  });
   if (global != CURLE_OK) {
     *detail = curl_easy_strerror(global);
     return NetFault::other;
   }
   out->head.clear();
   out->body.clear();
+  // Room for a full answer up front: no growing and copying on the way.
+  out->body.reserve(limit);
   Transfer t{out, limit};
   char error[CURL_ERROR_SIZE] = {};
-  CURL* e = curl_easy_init();
-  CURLM* m = curl_multi_init();
-  if (!e || !m) {
-    if (e) curl_easy_cleanup(e);
-    if (m) curl_multi_cleanup(m);
+  CURL* e = m ? curl_easy_init() : nullptr;
+  if (!e) {
     *detail = "libcurl could not start a transfer";
     return NetFault::other;
   }
@@ -84,6 +90,7 @@ NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t 
   curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout_ms));
+  curl_easy_setopt(e, CURLOPT_BUFFERSIZE, 256L * 1024);
   curl_easy_setopt(e, CURLOPT_USERAGENT, "Tambril BASIC 3.4.1");
   curl_easy_setopt(e, CURLOPT_ERRORBUFFER, error);
   curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, on_header);
@@ -127,7 +134,6 @@ NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t 
   }
   curl_multi_remove_handle(m, e);
   curl_easy_cleanup(e);
-  curl_multi_cleanup(m);
   return f;
 }
 
