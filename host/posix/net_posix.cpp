@@ -49,7 +49,9 @@ NetFault fault_of(CURLcode c) {
     case CURLE_COULDNT_RESOLVE_HOST: return NetFault::not_found;
     case CURLE_COULDNT_CONNECT: return NetFault::refused;
     case CURLE_OPERATION_TIMEDOUT: return NetFault::timeout;
-    case CURLE_URL_MALFORMAT: case CURLE_UNSUPPORTED_PROTOCOL: return NetFault::bad_url;
+    // Not CURLE_UNSUPPORTED_PROTOCOL: our URLs are checked before they get
+    // here, so that one means a server whose answer is not HTTP.
+    case CURLE_URL_MALFORMAT: return NetFault::bad_url;
     case CURLE_GOT_NOTHING: case CURLE_RECV_ERROR: case CURLE_SEND_ERROR: case CURLE_PARTIAL_FILE:
       return NetFault::closed;
     default: return NetFault::other;

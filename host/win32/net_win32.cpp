@@ -43,7 +43,7 @@ NetFault fault_of(DWORD e) {
     case ERROR_WINHTTP_CANNOT_CONNECT: return NetFault::refused;
     case ERROR_WINHTTP_TIMEOUT: return NetFault::timeout;
     case ERROR_WINHTTP_INVALID_URL: case ERROR_WINHTTP_UNRECOGNIZED_SCHEME: return NetFault::bad_url;
-    case ERROR_WINHTTP_CONNECTION_ERROR: case ERROR_WINHTTP_INVALID_SERVER_RESPONSE: return NetFault::closed;
+    case ERROR_WINHTTP_CONNECTION_ERROR: return NetFault::closed;
     default: return NetFault::other;
   }
 }
