@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "net/http_reply.h"
+#include "net/net.h"
 
 using net::ReplyHead;
 
@@ -112,4 +114,32 @@ TEST(Urls, SplitAndJoinRoundTrip) {
   EXPECT_EQ(u.port, 8443);
   EXPECT_EQ(u.path, "/p?q=1");
   EXPECT_EQ(net::join_url(u), "https://Example.org:8443/p?q=1");
+}
+
+// Every network function and statement word has its HELP entry, with a
+// syntax line that names it.
+TEST(NetHelp, EveryWordHasAnEntry) {
+  struct Entry {
+    const char* name;
+    const char* syntax;
+  };
+#define HELP_ENTRY(name, category, syntax, text) {name, syntax},
+  const Entry entries[] = {
+#include "net/help.def"
+  };
+#undef HELP_ENTRY
+  auto find = [&](const std::string& word) -> const Entry* {
+    for (const Entry& e : entries)
+      if (word == e.name) return &e;
+    return nullptr;
+  };
+  std::vector<std::string> words = {"TCP", "NETINFO"};
+  const values::BuiltinGroup& g = net::net_builtins();
+  for (int i = 0; i < g.count; ++i) words.push_back(g.rows[i].name);
+  for (const std::string& w : words) {
+    const Entry* e = find(w);
+    ASSERT_NE(e, nullptr) << w;
+    EXPECT_NE(std::string(e->syntax).find(w), std::string::npos) << w;
+  }
+  EXPECT_EQ(sizeof entries / sizeof entries[0], words.size());
 }
