@@ -7,6 +7,8 @@ The transcripts use the format of tests/basic/run_transcript.py, plus:
   {http} {httpport} {echo} {refused}  the servers' URL and ports, and a port
                                       where nothing listens
   {pause N}                           in input: the bytes after it are typed N ms later
+  {await TEXT}                        in input: the bytes after it are typed once the
+                                      output shows TEXT (after the last TEXT awaited)
   --- within S                        the run must end within S seconds
 """
 import argparse
@@ -33,10 +35,44 @@ def substitute(text, places):
     return text
 
 
-def feed(proc, pieces):
-    """Type the input piece by piece, pausing where the transcript says."""
+class Output:
+    """stdout as it arrives, so that the input can wait for it."""
+
+    def __init__(self, stream):
+        self.data = b""
+        self.seen = 0
+        self.cond = threading.Condition()
+        self.stream = stream
+
+    def read(self):
+        while True:
+            chunk = os.read(self.stream.fileno(), 65536)
+            with self.cond:
+                if chunk:
+                    self.data += chunk
+                self.cond.notify_all()
+            if not chunk:
+                return
+
+    def await_text(self, text, timeout=60):
+        with self.cond:
+            end = time.time() + timeout
+            while True:
+                i = self.data.find(text, self.seen)
+                if i >= 0:
+                    self.seen = i + len(text)
+                    return
+                if time.time() > end:
+                    return
+                self.cond.wait(0.1)
+
+
+def feed(proc, pieces, output):
+    """Type the input piece by piece, waiting where the transcript says."""
     try:
-        for delay, data in pieces:
+        for delay, awaited, data in pieces:
+            if awaited:
+                output.await_text(awaited)
             if delay:
                 time.sleep(delay / 1000.0)
             proc.stdin.write(data)
@@ -72,22 +108,25 @@ def run_one(path, exe, runner, places):
             else:
                 return ["unknown section: " + kind]
         pieces = []
-        delay = 0
-        for part in re.split(r"(\{pause \d+\})", stdin):
-            m = re.fullmatch(r"\{pause (\d+)\}", part)
-            if m:
-                delay += int(m.group(1))
+        delay, awaited = 0, None
+        for part in re.split(r"(\{pause \d+\}|\{await [^}]*\})", stdin):
+            m = re.fullmatch(r"\{(pause|await) ([^}]*)\}", part)
+            if m and m.group(1) == "pause":
+                delay += int(m.group(2))
+            elif m:
+                awaited = m.group(2).encode("utf-8")
             elif part:
-                pieces.append((delay, part.encode("utf-8")))
-                delay = 0
+                pieces.append((delay, awaited, part.encode("utf-8")))
+                delay, awaited = 0, None
         cmd = shlex.split(runner) + [exe, "--headless"] + args
         start = time.time()
         proc = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                 cwd=scratch, env=env)
-        threading.Thread(target=feed, args=(proc, pieces), daemon=True).start()
+        output = Output(proc.stdout)
+        threading.Thread(target=feed, args=(proc, pieces, output), daemon=True).start()
         got = {}
-        readers = [threading.Thread(target=lambda k, f: got.__setitem__(k, f.read()), args=(k, f), daemon=True)
-                   for k, f in (("out", proc.stdout), ("err", proc.stderr))]
+        readers = [threading.Thread(target=output.read, daemon=True),
+                   threading.Thread(target=lambda: got.__setitem__("err", proc.stderr.read()), daemon=True)]
         for r in readers:
             r.start()
         try:
@@ -97,7 +136,7 @@ def run_one(path, exe, runner, places):
             return ["TIMEOUT after 90 s"]
         for r in readers:
             r.join()
-        out, err = got["out"], got["err"]
+        out, err = output.data, got["err"]
         elapsed = time.time() - start
     failures = []
     actual = out.decode("utf-8", errors="replace").replace("\r\n", "\n").split("\n")
