@@ -9,6 +9,7 @@
 #include "files/file_statements.h"
 #include "files/file_table.h"
 #include "host/cpu.h"
+#include "host/net.h"
 #include "host/packed.h"
 #include "host/platform.h"
 #include "host/shell.h"
@@ -135,6 +136,7 @@ void interpreter_thread() {
     ~CloseFilesAtEnd() {
       files::close_all();
       net::close_all_slots();
+      host::net_shutdown();
     }
   } close_files_at_end;
   screen::reset_console();

@@ -39,6 +39,9 @@ constexpr unsigned kNetPollMs = 20;
 // Winsock wants starting once per process; a no-op elsewhere. False (with a
 // detail) when the machine has no usable socket layer.
 bool net_startup(std::string* detail);
+// The end of the interpreter thread: HTTP's kept connections and library
+// state are let go (on the thread that used them).
+void net_shutdown();
 
 // --- names (blocking: callers that must stay responsive run these on a worker thread)
 // Numeric addresses of a host name, IPv4 first. A numeric name gives itself.

@@ -17,6 +17,13 @@ namespace host {
 
 namespace {
 
+// One multi handle for the session: it keeps the connections, so pages
+// fetched one after another from a server reuse one connection as a browser
+// (or the curl tool) would. Only the interpreter thread uses it.
+std::once_flag curl_once;
+CURLcode curl_state = CURLE_OK;
+CURLM* multi = nullptr;
+
 struct Transfer {
   HttpResponse* out;
   std::size_t limit;
@@ -62,20 +69,15 @@ NetFault fault_of(CURLcode c) {
 
 NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t limit, const NetWait& wait,
                   HttpResponse* out, std::string* detail) {
-  // One multi handle for the session: it keeps the connections, so pages
-  // fetched one after another from a server reuse one connection as a
-  // browser (or the curl tool) would. Only the interpreter thread uses it.
-  static std::once_flag once;
-  static CURLcode global = CURLE_OK;
-  static CURLM* m = nullptr;
-  std::call_once(once, [] {
-    global = curl_global_init(CURL_GLOBAL_DEFAULT);
-    if (global == CURLE_OK) m = curl_multi_init();
+  std::call_once(curl_once, [] {
+    curl_state = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (curl_state == CURLE_OK) multi = curl_multi_init();
   });
-  if (global != CURLE_OK) {
-    *detail = curl_easy_strerror(global);
+  if (curl_state != CURLE_OK) {
+    *detail = curl_easy_strerror(curl_state);
     return NetFault::other;
   }
+  CURLM* const m = multi;
   out->head.clear();
   out->body.clear();
   // Room for a full answer up front: no growing and copying on the way.
@@ -137,6 +139,14 @@ NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t 
   curl_multi_remove_handle(m, e);
   curl_easy_cleanup(e);
   return f;
+}
+
+void net_shutdown() {
+  if (multi) {
+    curl_multi_cleanup(multi);
+    multi = nullptr;
+    curl_global_cleanup();
+  }
 }
 
 bool list_interfaces(std::vector<NetInterface>* out, std::string* detail) {

@@ -163,6 +163,9 @@ NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t 
   return job->fault;
 }
 
+// WinHTTP keeps nothing between requests, and Winsock ends with the process.
+void net_shutdown() {}
+
 bool list_interfaces(std::vector<NetInterface>* out, std::string* detail) {
   if (!net_startup(detail)) return false;
   ULONG size = 16384;

@@ -86,6 +86,7 @@ def run_one(path, exe, runner, places):
     sections = run_transcript.parse(path)
     args, stdin, expected, code, within = [], "", None, 0, None
     env = dict(os.environ)
+    env["LSAN_OPTIONS"] = "suppressions=" + os.path.join(HERE, "lsan.supp")
     with tempfile.TemporaryDirectory(prefix="tambril-net-") as scratch:
         for kind, body in sections:
             body = [substitute(b, places) for b in body]
