@@ -12,6 +12,7 @@
 #include "files/file_statements.h"
 #include "host/platform.h"
 #include "jit/jit.h"
+#include "net/net.h"
 #include "values/eval.h"
 
 namespace core {
@@ -83,6 +84,7 @@ constexpr HandlerTable make_table() {
   table[KW_POKE32] = stmt_poke32;
   table[KW_POKE64] = stmt_poke64;
   screen::install_screen_statements(table);
+  net::install_net_statements(table);
   return table;
 }
 
@@ -125,6 +127,7 @@ const NamedGroup kNamedGroups[] = {
     {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
     {files::kFileNamed, files::kFileNamedCount},
     {jit::kJitNamed, 1},
+    {net::kNetNamed, net::kNetNamedCount},
 };
 
 Handler find_named(const char* name) {

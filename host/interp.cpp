@@ -9,10 +9,12 @@
 #include "files/file_statements.h"
 #include "files/file_table.h"
 #include "host/cpu.h"
+#include "host/net.h"
 #include "host/packed.h"
 #include "host/platform.h"
 #include "host/shell.h"
 #include "host/ui.h"
+#include "net/net.h"
 #include "screen/console.h"
 #include "screen/lineedit.h"
 #include "values/arena.h"
@@ -128,9 +130,14 @@ void interpreter_thread() {
   values::arena_init(shell.data_arena, shell.data_pages << 12);
   core::init_interpreter();
   files::install_hooks();
+  net::install_hooks();
   // Whatever way this thread ends, open files are closed and nothing written is lost.
   struct CloseFilesAtEnd {
-    ~CloseFilesAtEnd() { files::close_all(); }
+    ~CloseFilesAtEnd() {
+      files::close_all();
+      net::close_all_slots();
+      host::net_shutdown();
+    }
   } close_files_at_end;
   screen::reset_console();
   banner();

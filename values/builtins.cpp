@@ -12,6 +12,7 @@
 #include "core/tokenizer.h"
 #include "files/file_functions.h"
 #include "host/platform.h"
+#include "net/net.h"
 #include "host/shell.h"
 #include "host/ui.h"
 #include "screen/console.h"
@@ -749,6 +750,7 @@ const BuiltinGroup kGroups[] = {
     core::input_builtins(),
     {screen::kScreenFunctions, screen::kScreenFunctionCount},
     files::file_builtins(),
+    net::net_builtins(),
 };
 
 }  // namespace

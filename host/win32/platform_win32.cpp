@@ -11,21 +11,9 @@
 #include "host/cp437.h"
 #include "host/platform.h"
 #include "host/shell.h"
+#include "host/win32/wide.h"
 
 namespace host {
-
-namespace {
-
-std::wstring wide(const std::string& utf8) {
-  const std::u16string u = utf8_to_utf16(utf8);
-  return std::wstring(u.begin(), u.end());
-}
-
-std::string narrow(const wchar_t* s, std::size_t n) {
-  return utf16_to_utf8(std::u16string(reinterpret_cast<const char16_t*>(s), n));
-}
-
-}  // namespace
 
 void* reserve_memory(std::size_t bytes) {
   // Committed pages are zero-filled and backed only when first touched, so a
