@@ -143,26 +143,41 @@ class Gen {
     const ValType& t = st_[static_cast<std::size_t>(d)];
     const std::int32_t base = F(tmp) + k * static_cast<std::int32_t>(sizeof(values::Value));
     a.store8_imm(mem(R12, base + kValueType), t.type);
-    if (t.is_float()) a.movsd(mem(R12, base + kValuePayload), x(d));
-    else a.store64(mem(R12, base + kValuePayload), g(d));
+    if (t.type == values::kSingle) {
+      a.cvtss2sd(X0, x(d));
+      a.movsd(mem(R12, base + kValuePayload), X0);
+    } else if (t.is_float()) {
+      a.movsd(mem(R12, base + kValuePayload), x(d));
+    } else {
+      a.store64(mem(R12, base + kValuePayload), g(d));
+    }
   }
   void from_tmp(int d, const ValType& t) {
     const std::int32_t base = F(tmp);
-    if (t.is_float()) a.movsd(x(d), mem(R12, base + kValuePayload));
+    if (t.type == values::kSingle) a.cvtsd2ss(x(d), mem(R12, base + kValuePayload));
+    else if (t.is_float()) a.movsd(x(d), mem(R12, base + kValuePayload));
     else a.load64(g(d), mem(R12, base + kValuePayload));
   }
+  // SINGLE values live in registers as binary32 (their exact value): the
+  // single-precision operations give the same bits as the double operation
+  // rounded to single, and save the conversions on every step.
+  bool sgl(int d) const { return st_[static_cast<std::size_t>(d)].type == values::kSingle; }
   void to_double(Xmm dst, int d) {
-    if (st_[static_cast<std::size_t>(d)].is_float()) a.movapd(dst, x(d));
+    if (sgl(d)) a.cvtss2sd(dst, x(d));
+    else if (st_[static_cast<std::size_t>(d)].is_float()) a.movapd(dst, x(d));
     else a.cvtsi2sd(dst, g(d));
   }
-  // A SINGLE result is rounded to binary32; infinity or NaN is "Overflow".
-  void round_single(Xmm r) {
-    a.cvtsd2ss(r, r);
+  // Infinity or NaN in a binary32 register is "Overflow".
+  void check_single(Xmm r) {
     a.movd(RAX, r);
     a.alu32_imm(Assembler::AND, RAX, 0x7F800000);
     a.alu32_imm(Assembler::CMP, RAX, 0x7F800000);
     a.jcc(E, error_stub(kMsgOverflow));
-    a.cvtss2sd(r, r);
+  }
+  // A SINGLE result is rounded to binary32; infinity or NaN is "Overflow".
+  void round_single(Xmm r) {
+    a.cvtsd2ss(r, r);
+    check_single(r);
   }
   void check_finite(Xmm r) {
     a.movq(RAX, r);
@@ -204,6 +219,10 @@ class Gen {
       }
       return;
     }
+    if (type == values::kSingle && v.type == values::kSingle) {
+      a.movss(m, x(d));
+      return;
+    }
     to_double(X0, d);
     if (type == values::kSingle) {
       a.cvtsd2ss(X0, X0);
@@ -225,7 +244,7 @@ class Gen {
       case values::kInteger: a.load_s16(g(d), m); break;
       case values::kLong: a.load_s32(g(d), m); break;
       case values::kInt64: a.load64(g(d), m); break;
-      case values::kSingle: a.cvtss2sd(x(d), m); break;
+      case values::kSingle: a.movss(x(d), m); break;
       default: a.movsd(x(d), m); break;
     }
   }
@@ -411,17 +430,26 @@ void Gen::compare(int i, std::uint8_t op, int d) {
     a.mov(g(da), RAX);
     return;
   }
-  const Xmm xa = st_[static_cast<std::size_t>(da)].is_float() ? x(da) : X0;
-  const Xmm xb = st_[static_cast<std::size_t>(db)].is_float() ? x(db) : X1;
-  to_double(xa, da);
-  to_double(xb, db);
+  const bool singles = sgl(da) && sgl(db);
+  const bool da_double = st_[static_cast<std::size_t>(da)].type == values::kDouble;
+  const bool db_double = st_[static_cast<std::size_t>(db)].type == values::kDouble;
+  const Xmm xa = singles || da_double ? x(da) : X0;
+  const Xmm xb = singles || db_double ? x(db) : X1;
+  if (!singles) {
+    to_double(xa, da);
+    to_double(xb, db);
+  }
+  auto ucom = [&](Xmm p, Xmm q) {
+    if (singles) a.ucomiss(p, q);
+    else a.ucomisd(p, q);
+  };
   Cond c;
   switch (op) {
-    case OP_LT: a.ucomisd(xb, xa); c = A; break;
-    case OP_LE: a.ucomisd(xb, xa); c = AE; break;
-    case OP_GT: a.ucomisd(xa, xb); c = A; break;
-    case OP_GE: a.ucomisd(xa, xb); c = AE; break;
-    default: a.ucomisd(xa, xb); c = E; break;
+    case OP_LT: ucom(xb, xa); c = A; break;
+    case OP_LE: ucom(xb, xa); c = AE; break;
+    case OP_GT: ucom(xa, xb); c = A; break;
+    case OP_GE: ucom(xa, xb); c = AE; break;
+    default: ucom(xa, xb); c = E; break;
   }
   if (fuse) {
     branch_false(i + 1, [&](int target) {
@@ -493,11 +521,40 @@ void Gen::arith(std::uint8_t op, int d) {
   }
   if (op == OP_ADD || op == OP_SUB || op == OP_MUL || op == OP_DIV) {
     const std::uint8_t rt = info_result_.type;
-    // The result goes straight into a's floating register.
+    // SINGLE results of SINGLE operands (or small integers, exact in binary32)
+    // are computed in single precision: the same bits as the double
+    // operation rounded once.
+    auto small = [&](const ValType& t) { return t.type == values::kSingle || (t.is_int() && t.mag <= 16777216.0); };
+    if (rt == values::kSingle && small(ta) && small(tb)) {
+      if (ta.is_int()) a.cvtsi2ss(x(da), g(da));
+      Xmm xb = x(db);
+      if (tb.is_int()) {
+        a.cvtsi2ss(X1, g(db));
+        xb = X1;
+      }
+      if (op == OP_DIV) {
+        const int nonzero = a.new_label();
+        a.xorps(X10, X10);
+        a.ucomiss(xb, X10);
+        a.jcc(P, nonzero);
+        a.jcc(E, error_stub(kMsgDivisionByZero));
+        a.bind(nonzero);
+      }
+      switch (op) {
+        case OP_ADD: a.addss(x(da), xb); break;
+        case OP_SUB: a.subss(x(da), xb); break;
+        case OP_MUL: a.mulss(x(da), xb); break;
+        default: a.divss(x(da), xb); break;
+      }
+      check_single(x(da));
+      return;
+    }
+    // Otherwise in double, the result straight into a's floating register.
     if (ta.is_int()) a.cvtsi2sd(x(da), g(da));
+    else if (ta.type == values::kSingle) a.cvtss2sd(x(da), x(da));
     Xmm xb = x(db);
-    if (tb.is_int()) {
-      a.cvtsi2sd(X1, g(db));
+    if (tb.type != values::kDouble) {
+      to_double(X1, db);
       xb = X1;
     }
     if (op == OP_DIV) {
@@ -545,7 +602,8 @@ void Gen::for_entry(int i, int d) {
   // A NaN limit or step is "Illegal function call".
   for (int k : {dl, dt}) {
     if (!st_[static_cast<std::size_t>(k)].is_float()) continue;
-    a.ucomisd(x(k), x(k));
+    to_double(X0, k);
+    a.ucomisd(X0, X0);
     a.jcc(P, error_stub(kMsgIllegalCall));
   }
   store_to(ds, f.var_type, var(f.d), d);
@@ -730,6 +788,14 @@ bool Gen::instruction(int i) {
     case OP_PUSH_CONST:
       if (in.type <= values::kInt64) {
         a.mov_imm(g(d), static_cast<std::int64_t>(in.operand));
+      } else if (in.type == values::kSingle) {
+        double v;
+        std::memcpy(&v, &in.operand, 8);
+        const float f = static_cast<float>(v);
+        std::uint32_t bits;
+        std::memcpy(&bits, &f, 4);
+        a.mov_imm(RAX, bits);
+        a.movd(x(d), RAX);
       } else {
         a.mov_imm(RAX, static_cast<std::int64_t>(in.operand));
         a.movq(x(d), RAX);
@@ -740,6 +806,10 @@ bool Gen::instruction(int i) {
       if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
         a.neg(g(d - 1));
         a.jcc(O, error_stub(kMsgOverflow));
+      } else if (sgl(d - 1)) {
+        a.mov_imm(RAX, 0x80000000ll);
+        a.movd(X0, RAX);
+        a.xorps(x(d - 1), X0);
       } else {
         a.mov_imm(RAX, static_cast<std::int64_t>(0x8000000000000000ull));
         a.movq(X0, RAX);
@@ -831,7 +901,8 @@ bool Gen::instruction(int i) {
         } else {
           const int truth = a.new_label();
           a.xorpd(X0, X0);
-          a.ucomisd(x(d - 1), X0);
+          if (sgl(d - 1)) a.ucomiss(x(d - 1), X0);
+          else a.ucomisd(x(d - 1), X0);
           a.jcc(P, truth);  // NaN is true
           a.jcc(E, target);
           a.bind(truth);

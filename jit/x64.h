@@ -117,6 +117,15 @@ class Assembler {
   void cvtsd2ss(Xmm d, Xmm s) { sse_rr(0xF2, 0x5A, d, s); }
   void cvtss2sd(Xmm d, Xmm s) { sse_rr(0xF3, 0x5A, d, s); }
   void cvtss2sd(Xmm d, const Mem& m) { sse(0xF3, 0x5A, d, m); }
+  void addss(Xmm d, Xmm s) { sse_rr(0xF3, 0x58, d, s); }
+  void subss(Xmm d, Xmm s) { sse_rr(0xF3, 0x5C, d, s); }
+  void mulss(Xmm d, Xmm s) { sse_rr(0xF3, 0x59, d, s); }
+  void divss(Xmm d, Xmm s) { sse_rr(0xF3, 0x5E, d, s); }
+  void ucomiss(Xmm a, Xmm b) { rex(false, a, 0, b); byte(0x0F); byte(0x2E); byte(static_cast<std::uint8_t>(0xC0 | (a & 7) << 3 | (b & 7))); }
+  void xorps(Xmm d, Xmm s) { rex(false, d, 0, s); byte(0x0F); byte(0x57); byte(static_cast<std::uint8_t>(0xC0 | (d & 7) << 3 | (s & 7))); }
+  void cvtsd2ss(Xmm d, const Mem& m) { sse(0xF2, 0x5A, d, m); }
+  void cvtsi2ss(Xmm d, Reg s) { byte(0xF3); rex(true, d, 0, s); byte(0x0F); byte(0x2A); byte(static_cast<std::uint8_t>(0xC0 | (d & 7) << 3 | (s & 7))); }
+  void movd(Xmm d, Reg s) { byte(0x66); rex(false, d, 0, s); byte(0x0F); byte(0x6E); byte(static_cast<std::uint8_t>(0xC0 | (d & 7) << 3 | (s & 7))); }
   void cvtsi2sd(Xmm d, Reg s);               // from r64
   void cvttsd2si(Reg d, Xmm s);              // to r64, truncating
   void movq(Xmm d, Reg s);
