@@ -14,6 +14,7 @@
 #include "host/shell.h"
 #include "host/ui.h"
 #include "screen/console.h"
+#include "screen/graphics_statements.h"
 #include "screen/lineedit.h"
 #include "values/arena.h"
 
@@ -128,6 +129,7 @@ void interpreter_thread() {
   values::arena_init(shell.data_arena, shell.data_pages << 12);
   core::init_interpreter();
   files::install_hooks();
+  screen::install_graphics_hooks();
   // Whatever way this thread ends, open files are closed and nothing written is lost.
   struct CloseFilesAtEnd {
     ~CloseFilesAtEnd() { files::close_all(); }
