@@ -221,46 +221,84 @@ void raster_line(Canvas& c, std::int64_t x0, std::int64_t y0, std::int64_t x1, s
     i0 = std::max<std::int64_t>(i0, maj0 - hi);
     i1 = std::min<std::int64_t>(i1, maj0 - lo);
   }
-  if (style && style->on && i0 > 0) style->step += static_cast<unsigned>(i0 & 15);
   if (i0 > i1) {
     if (style && style->on) style->step += static_cast<unsigned>((major + 1) & 15);
     return;
   }
-  // Minor offset at step i: floor((2*i*minor + major) / (2*major)).
+  if (style && style->on) style->step += static_cast<unsigned>(i0 & 15);
+  // Minor offset at step i: q(i) = floor((2*i*minor + major) / (2*major)),
+  // which never decreases; narrow [i0, i1] further to the steps whose minor
+  // coordinate lies in the clip rectangle too, so the loop needs no test.
+  const std::int64_t mlo = x_major ? c.cy0 : c.cx0, mhi = x_major ? c.cy1 : c.cx1;
+  const std::int64_t qa = smin > 0 ? mlo - min0 : min0 - mhi, qb = smin > 0 ? mhi - min0 : min0 - mlo;
   const __int128 den = 2 * static_cast<__int128>(major);
-  __int128 num = 2 * static_cast<__int128>(i0) * minor + major;
-  std::int64_t q = major ? static_cast<std::int64_t>(num / den) : 0;
-  std::int64_t r = major ? static_cast<std::int64_t>(num % den) : 0;
-  const std::int64_t d2 = static_cast<std::int64_t>(den), m2 = 2 * minor;
-  std::int64_t xa = 0, ya = 0, xb = -1, yb = -1;  // touched pixels
-  bool any = false;
-  for (std::int64_t i = i0; i <= i1; ++i) {
-    const std::int64_t a = maj0 + smaj * i, b = min0 + smin * q;
-    const std::int64_t x = x_major ? a : b, y = x_major ? b : a;
-    bool draw = true;
-    if (style && style->on) {
-      draw = (style->bits >> (15 - (style->step & 15))) & 1;
-      ++style->step;
-    }
-    if (draw && c.inside(x, y)) {
-      if (xor_mode) c.put_xor(x, y, colour);
-      else c.put(x, y, colour);
-      if (!any) {
-        xa = xb = x, ya = yb = y;
-        any = true;
-      } else {
-        xa = std::min(xa, x), xb = std::max(xb, x);
-        ya = std::min(ya, y), yb = std::max(yb, y);
-      }
-    }
-    r += m2;
-    if (major && r >= d2) {
-      r -= d2;
-      ++q;
-    }
+  auto ceil_div = [](__int128 n, __int128 d) { return n / d + (n % d > 0 ? 1 : 0); };
+  std::int64_t j0 = i0, j1 = i1;
+  if (minor == 0) {
+    if (qa > 0 || qb < 0) j1 = j0 - 1;
+  } else {
+    const __int128 lo_i = ceil_div(den * qa - major, 2 * static_cast<__int128>(minor));
+    const __int128 hi_i = ceil_div(den * (static_cast<__int128>(qb) + 1) - major, 2 * static_cast<__int128>(minor)) - 1;
+    if (lo_i > j0) j0 = static_cast<std::int64_t>(std::min<__int128>(lo_i, static_cast<__int128>(i1) + 1));
+    if (hi_i < j1) j1 = static_cast<std::int64_t>(std::max<__int128>(hi_i, static_cast<__int128>(i0) - 1));
   }
-  if (style && style->on) style->step += static_cast<unsigned>((major - i1) & 15);
-  if (any) c.touch(xa, ya, xb, yb);
+  if (style && style->on) style->step += static_cast<unsigned>((j0 - i0) & 15);
+  if (j0 <= j1) {
+    __int128 num = 2 * static_cast<__int128>(j0) * minor + major;
+    std::int64_t q = major ? static_cast<std::int64_t>(num / den) : 0;
+    std::int64_t r = major ? static_cast<std::int64_t>(num % den) : 0;
+    const std::int64_t d2 = static_cast<std::int64_t>(den), m2 = 2 * minor;
+    const std::int64_t pitch = c.pitch;
+    std::uint32_t* const back = c.back;
+    std::uint32_t* const front = c.front;
+    // One loop per kind of write, so that the plain one carries no tests.
+    auto walk = [&](auto plot) {
+      for (std::int64_t i = j0; i <= j1; ++i) {
+        const std::int64_t a = maj0 + smaj * i, b = min0 + smin * q;
+        plot(x_major ? b * pitch + a : a * pitch + b);
+        r += m2;
+        if (r >= d2) {
+          r -= d2;
+          ++q;
+        }
+      }
+    };
+    auto styled = [&]() {
+      return !(style && style->on) || ((style->bits >> (15 - (style->step++ & 15))) & 1);
+    };
+    if (xor_mode) {
+      walk([&](std::int64_t at) {
+        if (!styled()) return;
+        const std::uint32_t v = (back[at] ^ colour) & 0xFFFFFF;
+        back[at] = v;
+        front[at] = v;
+      });
+    } else if (c.atomic) {
+      walk([&](std::int64_t at) {
+        if (!styled()) return;
+        std::atomic_ref<std::uint32_t>(back[at]).store(colour, std::memory_order_relaxed);
+        std::atomic_ref<std::uint32_t>(front[at]).store(colour, std::memory_order_relaxed);
+      });
+    } else if (style && style->on) {
+      walk([&](std::int64_t at) {
+        if (!styled()) return;
+        back[at] = colour;
+        front[at] = colour;
+      });
+    } else {
+      walk([&](std::int64_t at) {
+        back[at] = colour;
+        front[at] = colour;
+      });
+    }
+    // The first and last steps drawn bound everything between them.
+    const std::int64_t a0 = maj0 + smaj * j0, a1 = maj0 + smaj * j1;
+    const std::int64_t b0 = min0 + smin * static_cast<std::int64_t>((2 * static_cast<__int128>(j0) * minor + major) / (major ? den : 1));
+    const std::int64_t b1 = min0 + smin * static_cast<std::int64_t>((2 * static_cast<__int128>(j1) * minor + major) / (major ? den : 1));
+    if (x_major) c.touch(std::min(a0, a1), std::min(b0, b1), std::max(a0, a1), std::max(b0, b1));
+    else c.touch(std::min(b0, b1), std::min(a0, a1), std::max(b0, b1), std::max(a0, a1));
+  }
+  if (style && style->on) style->step += static_cast<unsigned>((major - std::max(j1, j0 - 1)) & 15);
 }
 
 void raster_box(Canvas& c, std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, std::uint32_t colour,
@@ -381,36 +419,38 @@ struct Seed {
 // 4-connected and does not leak through diagonal gaps in a border.
 void raster_paint(Canvas& c, std::int64_t x, std::int64_t y, std::uint32_t paint, std::uint32_t border) {
   if (!c.inside(x, y)) return;
-  const std::int64_t w = c.cx1 - c.cx0 + 1;
+  // Rows of the whole frame width, so that both rows are indexed by frame x.
+  const std::int64_t w = c.cx1 + 1;
   paint_seen.assign(static_cast<std::size_t>(w * (c.cy1 - c.cy0 + 1)), 0);
   border &= 0xFFFFFF;
-  auto open = [&](std::int64_t px, std::int64_t py) {
-    return !paint_seen[static_cast<std::size_t>((py - c.cy0) * w + (px - c.cx0))] &&
-           (c.back[py * c.pitch + px] & 0xFFFFFF) != border;
-  };
-  if (!open(x, y)) return;
+  auto seen_row = [&](std::int64_t py) { return paint_seen.data() + (py - c.cy0) * w; };
+  auto back_row = [&](std::int64_t py) { return c.back + py * c.pitch; };
+  if (seen_row(y)[x] || (back_row(y)[x] & 0xFFFFFF) == border) return;
   std::vector<Seed> stack;
   stack.push_back({x, y});
   std::int64_t bx0 = x, bx1 = x, by0 = y, by1 = y;
   while (!stack.empty()) {
     const Seed s = stack.back();
     stack.pop_back();
-    if (!open(s.x, s.y)) continue;
+    std::uint8_t* seen = seen_row(s.y);
+    const std::uint32_t* back = back_row(s.y);
+    if (seen[s.x] || (back[s.x] & 0xFFFFFF) == border) continue;
     std::int64_t l = s.x, r = s.x;
-    while (l > c.cx0 && open(l - 1, s.y)) --l;
-    while (r < c.cx1 && open(r + 1, s.y)) ++r;
-    std::memset(&paint_seen[static_cast<std::size_t>((s.y - c.cy0) * w + (l - c.cx0))], 1,
-                static_cast<std::size_t>(r - l + 1));
+    while (l > c.cx0 && !seen[l - 1] && (back[l - 1] & 0xFFFFFF) != border) --l;
+    while (r < c.cx1 && !seen[r + 1] && (back[r + 1] & 0xFFFFFF) != border) ++r;
+    std::memset(seen + l, 1, static_cast<std::size_t>(r - l + 1));
     c.span(l, r, s.y, paint);
     bx0 = std::min(bx0, l), bx1 = std::max(bx1, r);
     by0 = std::min(by0, s.y), by1 = std::max(by1, s.y);
     for (const std::int64_t ny : {s.y - 1, s.y + 1}) {
       if (ny < c.cy0 || ny > c.cy1) continue;
-      bool in_run = false;
+      const std::uint8_t* nseen = seen_row(ny);
+      const std::uint32_t* nback = back_row(ny);
       for (std::int64_t nx = l; nx <= r; ++nx) {
-        const bool o = open(nx, ny);
-        if (o && !in_run) stack.push_back({nx, ny});
-        in_run = o;
+        if (nseen[nx] || (nback[nx] & 0xFFFFFF) == border) continue;
+        // One seed for each run of open pixels under the span.
+        stack.push_back({nx, ny});
+        while (nx < r && !nseen[nx + 1] && (nback[nx + 1] & 0xFFFFFF) != border) ++nx;
       }
     }
   }
