@@ -160,12 +160,19 @@ void Canvas::span(std::int64_t x0, std::int64_t x1, std::int64_t y, std::uint32_
   std::fill_n(front + at, x1 - x0 + 1, c);
 }
 
-void Canvas::fill_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, std::uint32_t c) {
+void Canvas::fill_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, std::uint32_t c,
+                       bool xor_mode) {
   if (x0 > x1) std::swap(x0, x1);
   if (y0 > y1) std::swap(y0, y1);
   if (y0 < cy0) y0 = cy0;
   if (y1 > cy1) y1 = cy1;
-  for (std::int64_t y = y0; y <= y1; ++y) span(x0, x1, y, c);
+  for (std::int64_t y = y0; y <= y1; ++y) {
+    if (!xor_mode) {
+      span(x0, x1, y, c);
+      continue;
+    }
+    for (std::int64_t x = std::max(x0, cx0); x <= std::min(x1, cx1); ++x) put_xor(x, y, c);
+  }
   touch(x0, y0, x1, y1);
 }
 
@@ -553,7 +560,7 @@ bool line_style(const GfxLine& line, LineStyle* style) {
 
 void rasterize_line(Canvas& c, std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, std::uint32_t rgb,
                     const GfxLine& line, LineStyle* style) {
-  if (line.box == kBoxFilled) c.fill_rect(x0, y0, x1, y1, rgb);
+  if (line.box == kBoxFilled) c.fill_rect(x0, y0, x1, y1, rgb, line.xor_mode);
   else if (line.box == kBoxOutline) raster_box(c, x0, y0, x1, y1, rgb, style, line.xor_mode);
   else raster_line(c, x0, y0, x1, y1, rgb, style, line.xor_mode);
 }

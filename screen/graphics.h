@@ -61,7 +61,8 @@ struct Canvas {
   void put_xor(std::int64_t x, std::int64_t y, std::uint32_t c);
   // A horizontal run x0..x1 on row y, clipped.
   void span(std::int64_t x0, std::int64_t x1, std::int64_t y, std::uint32_t c);
-  void fill_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, std::uint32_t c);
+  void fill_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1, std::uint32_t c,
+                 bool xor_mode = false);
 };
 
 // The canvas of the current frame clipped to the viewport (or the frame).
