@@ -54,7 +54,7 @@ class Reader {
     return false;
   }
 
-  bool header(Header* hd) {
+  bool header(Header* hd, std::uint64_t max_pixels) {
     if (n_ < 26 || d_[0] != 'B' || d_[1] != 'M') return fault("not a BMP file");
     hd->data_at = le32(d_ + 10);
     const std::uint32_t dib = le32(d_ + 14);
@@ -86,7 +86,7 @@ class Reader {
       hd->h = -hd->h;
     }
     if (hd->w <= 0 || hd->h <= 0) return fault("empty image");
-    if (static_cast<std::uint64_t>(hd->w) * static_cast<std::uint64_t>(hd->h) > kMaxImagePixels)
+    if (static_cast<std::uint64_t>(hd->w) * static_cast<std::uint64_t>(hd->h) > max_pixels)
       return fault("image too large");
     const std::uint32_t bpp = hd->bpp, cmp = hd->compression;
     if (bpp != 1 && bpp != 4 && bpp != 8 && bpp != 16 && bpp != 24 && bpp != 32) return fault("bit depth");
@@ -125,11 +125,21 @@ class Reader {
     return true;
   }
 
-  bool uncompressed(const Header& hd, const std::uint32_t pal[256], Image* img) {
+  // Checked before the picture is allocated, so that a short file cannot
+  // ask for a large allocation.
+  bool enough_data(const Header& hd) {
+    if (hd.data_at > n_) return fault("pixel data cut short");
+    if (hd.compression == kRle8 || hd.compression == kRle4) return true;
     const std::uint64_t w = static_cast<std::uint64_t>(hd.w), h = static_cast<std::uint64_t>(hd.h);
     const std::uint64_t stride = (w * hd.bpp + 31) / 32 * 4, used = (w * hd.bpp + 7) / 8;
     // The last row's padding may be missing; its pixels may not.
-    if (hd.data_at > n_ || stride * (h - 1) + used > n_ - hd.data_at) return fault("pixel data cut short");
+    if (stride * (h - 1) + used > n_ - hd.data_at) return fault("pixel data cut short");
+    return true;
+  }
+
+  bool uncompressed(const Header& hd, const std::uint32_t pal[256], Image* img) {
+    const std::uint64_t w = static_cast<std::uint64_t>(hd.w), h = static_cast<std::uint64_t>(hd.h);
+    const std::uint64_t stride = (w * hd.bpp + 31) / 32 * 4;
     for (std::uint64_t row = 0; row < h; ++row) {
       const std::uint8_t* src = d_ + hd.data_at + row * stride;
       std::uint32_t* dst = img->px.data() + (hd.top_down ? row : h - 1 - row) * w;
@@ -216,12 +226,13 @@ void put32(std::vector<std::uint8_t>& v, std::uint32_t x) {
 
 }  // namespace
 
-bool decode_bmp(const std::uint8_t* data, std::size_t size, Image* out, const char** why) {
+bool decode_bmp(const std::uint8_t* data, std::size_t size, Image* out, const char** why,
+                std::uint64_t max_pixels) {
   Reader rd(data, size);
   Header hd;
   std::uint32_t pal[256];
   Image img;
-  bool ok = rd.header(&hd) && rd.palette(hd, pal);
+  bool ok = rd.header(&hd, max_pixels) && rd.palette(hd, pal) && rd.enough_data(hd);
   if (ok) {
     img.w = static_cast<std::uint32_t>(hd.w);
     img.h = static_cast<std::uint32_t>(hd.h);

@@ -20,7 +20,9 @@ constexpr std::uint64_t kMaxImagePixels = 67108864;
 
 // Decode a whole BMP file. False (with `out` untouched) for anything that is
 // not a complete, supported BMP; `why` then names the fault for tests.
-bool decode_bmp(const std::uint8_t* data, std::size_t size, Image* out, const char** why = nullptr);
+// Pictures of more than max_pixels are refused before anything is allocated.
+bool decode_bmp(const std::uint8_t* data, std::size_t size, Image* out, const char** why = nullptr,
+                std::uint64_t max_pixels = kMaxImagePixels);
 
 // A 24-bit bottom-up BMP of w x h pixels read from `px` (pitch pixels per row).
 std::vector<std::uint8_t> encode_bmp24(const std::uint32_t* px, std::uint32_t w, std::uint32_t h,
