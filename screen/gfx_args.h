@@ -23,6 +23,15 @@ bool text(const Token*& t, values::Value* out);
 // [STEP] (x, y)
 bool point(const Token*& t, GfxPoint* out);
 bool point_ahead(const Token* t);  // t starts a [STEP] (x, y)
+// [STEP](x1,y1) - [STEP](x2,y2) in frame pixels, sorted, with both corners
+// inside the canvas's clip ("Illegal function call" otherwise); the second
+// corner in the program's coordinates becomes the last point once the
+// statement succeeds, so it is handed back in end_x, end_y.
+struct PixelRect {
+  std::int64_t x0, y0, x1, y1;
+  double end_x, end_y;
+};
+bool pixel_rect(const Token*& t, const Canvas& clip, PixelRect* out);
 // One colour number (palette 0-15 or packed &HRRGGBB).
 bool colour(const Token*& t, std::uint32_t* rgb);
 // An integer in lo..hi, else "Illegal function call".

@@ -521,25 +521,24 @@ bool resolve_colour(const GfxColour& c, std::uint32_t fallback, std::uint32_t* r
   return true;
 }
 
-namespace {
-
-// The point a GfxPoint names, in logical coordinates.
-void absolute(const GfxPoint& p, double* x, double* y) {
+void resolve_point(const GfxPoint& p, double* x, double* y) {
   *x = p.step ? gfx.last_x + p.x : p.x;
   *y = p.step ? gfx.last_y + p.y : p.y;
 }
 
-}  // namespace
+bool visit_point(const GfxPoint& p, std::int64_t* px, std::int64_t* py) {
+  double x, y;
+  resolve_point(p, &x, &y);
+  if (!to_pixel(x, y, px, py)) return false;
+  gfx.last_x = x;
+  gfx.last_y = y;
+  return true;
+}
 
 bool draw_pset(const GfxPoint& p, const GfxColour& colour, bool preset) {
   std::uint32_t rgb;
-  if (!resolve_colour(colour, preset ? con.bg : con.fg, &rgb)) return false;
-  double x, y;
-  absolute(p, &x, &y);
   std::int64_t px, py;
-  if (!to_pixel(x, y, &px, &py)) return false;
-  gfx.last_x = x;
-  gfx.last_y = y;
+  if (!resolve_colour(colour, preset ? con.bg : con.fg, &rgb) || !visit_point(p, &px, &py)) return false;
   Canvas c = frame_canvas();
   if (!c.inside(px, py)) return true;
   c.put(px, py, rgb);
@@ -573,7 +572,7 @@ bool draw_line(const GfxLine& line) {
   LineStyle style;
   if (!line_style(line, &style)) return false;
   double x0 = gfx.last_x, y0 = gfx.last_y, x1, y1;
-  if (line.has_start) absolute(line.from, &x0, &y0);
+  if (line.has_start) resolve_point(line.from, &x0, &y0);
   // STEP on the end point counts from the start point just given.
   x1 = line.to.step ? x0 + line.to.x : line.to.x;
   y1 = line.to.step ? y0 + line.to.y : line.to.y;

@@ -130,6 +130,12 @@ struct GfxLine {
   bool xor_mode = false;
 };
 
+// The point a GfxPoint names, in logical coordinates (STEP from the last point).
+void resolve_point(const GfxPoint& p, double* x, double* y);
+
+// The frame pixel of p, which becomes the last point; false after "Overflow".
+[[nodiscard]] bool visit_point(const GfxPoint& p, std::int64_t* px, std::int64_t* py);
+
 // The colour a GfxColour names, or `fallback` when it names none. Raises
 // "Illegal function call" for a negative number or a component outside 0-255.
 [[nodiscard]] bool resolve_colour(const GfxColour& c, std::uint32_t fallback, std::uint32_t* rgb);

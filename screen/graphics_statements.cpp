@@ -63,6 +63,20 @@ bool point(const Token*& t, GfxPoint* out) {
          values::expect(t, ')', "Expected )");
 }
 
+bool pixel_rect(const Token*& t, const Canvas& clip, PixelRect* out) {
+  GfxPoint a, b;
+  if (!point(t, &a) || !values::expect(t, '-', "Syntax error") || !point(t, &b)) return false;
+  double x0, y0;
+  resolve_point(a, &x0, &y0);
+  out->end_x = b.step ? x0 + b.x : b.x;
+  out->end_y = b.step ? y0 + b.y : b.y;
+  if (!to_pixel(x0, y0, &out->x0, &out->y0) || !to_pixel(out->end_x, out->end_y, &out->x1, &out->y1)) return false;
+  if (out->x0 > out->x1) std::swap(out->x0, out->x1);
+  if (out->y0 > out->y1) std::swap(out->y0, out->y1);
+  if (!clip.inside(out->x0, out->y0) || !clip.inside(out->x1, out->y1)) return fail("Illegal function call");
+  return true;
+}
+
 bool colour(const Token*& t, std::uint32_t* rgb) {
   std::int64_t n;
   if (!integer(t, &n)) return false;
@@ -275,11 +289,8 @@ void stmt_circle(const Token*& t) {
   const double rp = r * scale;
   const double rx = aspect < 1 ? rp : rp / aspect, ry = aspect < 1 ? rp * aspect : rp;
   if (!(rx <= 2147483647.0 && ry <= 2147483647.0)) return (void)fail("Overflow");
-  const double x = c.step ? gfx.last_x + c.x : c.x, y = c.step ? gfx.last_y + c.y : c.y;
   std::int64_t px, py;
-  if (!to_pixel(x, y, &px, &py)) return;
-  gfx.last_x = x;
-  gfx.last_y = y;
+  if (!visit_point(c, &px, &py)) return;
   Canvas cv = frame_canvas();
   raster_ellipse(cv, px, py, rx, ry, rgb, arc);
   commit(cv);
@@ -295,11 +306,8 @@ void stmt_paint(const Token*& t) {
   border = paint;
   if (next_field(t) && !colour(t, &border)) return;
   if (!end(t)) return;
-  const double x = p.step ? gfx.last_x + p.x : p.x, y = p.step ? gfx.last_y + p.y : p.y;
   std::int64_t px, py;
-  if (!to_pixel(x, y, &px, &py)) return;
-  gfx.last_x = x;
-  gfx.last_y = y;
+  if (!visit_point(p, &px, &py)) return;
   Canvas cv = frame_canvas();
   raster_paint(cv, px, py, paint, border);
   commit(cv);
@@ -402,20 +410,27 @@ bool corners(const Token*& t, double* x0, double* y0, double* x1, double* y1) {
   return true;
 }
 
+// The start shared by WINDOW and VIEW: the bare form switches the state off
+// (false returned, nothing more to do), else [SCREEN] and two corners.
+bool rect_form(const Token*& t, bool* state, bool* screen_form, double* x0, double* y0, double* x1, double* y1) {
+  ++t;
+  if (core::at_statement_end(t)) {
+    *state = false;
+    centre_last_point();
+    return false;
+  }
+  *screen_form = t->kind == core::KW_SCREEN;
+  if (*screen_form) ++t;
+  return corners(t, x0, y0, x1, y1);
+}
+
 }  // namespace
 
 // WINDOW [[SCREEN] (x1,y1)-(x2,y2)]
 void stmt_window(const Token*& t) {
-  ++t;
-  if (core::at_statement_end(t)) {
-    gfx.window = false;
-    centre_last_point();
-    return;
-  }
-  const bool screen_form = t->kind == core::KW_SCREEN;
-  if (screen_form) ++t;
+  bool screen_form;
   double x0, y0, x1, y1;
-  if (!corners(t, &x0, &y0, &x1, &y1) || !end(t)) return;
+  if (!rect_form(t, &gfx.window, &screen_form, &x0, &y0, &x1, &y1) || !end(t)) return;
   if (x0 == x1 || y0 == y1) return (void)fail("Illegal function call");
   gfx.window = true;
   gfx.window_screen = screen_form;
@@ -425,16 +440,9 @@ void stmt_window(const Token*& t) {
 
 // VIEW [[SCREEN] (x1,y1)-(x2,y2) [, [fill] [, border]]]: frame pixels.
 void stmt_view_graphics(const Token*& t) {
-  ++t;
-  if (core::at_statement_end(t)) {
-    gfx.view = false;
-    centre_last_point();
-    return;
-  }
-  const bool screen_form = t->kind == core::KW_SCREEN;
-  if (screen_form) ++t;
+  bool screen_form;
   double x0, y0, x1, y1;
-  if (!corners(t, &x0, &y0, &x1, &y1)) return;
+  if (!rect_form(t, &gfx.view, &screen_form, &x0, &y0, &x1, &y1)) return;
   bool fill = false, frame = false;
   std::uint32_t fill_rgb = 0, border_rgb = 0;
   if (next_field(t) && optional_field(t)) {
@@ -527,28 +535,19 @@ bool array_bytes(const Token*& t, std::uint8_t** at, std::uint64_t* available) {
 // GET [STEP](x1,y1)-[STEP](x2,y2), array[(subscripts)]
 void stmt_graphics_get(const Token*& t) {
   ++t;
-  GfxPoint a, b;
-  if (!point(t, &a) || !values::expect(t, '-', "Syntax error") || !point(t, &b) || !comma(t)) return;
+  PixelRect r;
   std::uint8_t* at;
   std::uint64_t available;
-  if (!array_bytes(t, &at, &available) || !end(t)) return;
-  const double x0 = a.step ? gfx.last_x + a.x : a.x, y0 = a.step ? gfx.last_y + a.y : a.y;
-  const double x1 = b.step ? x0 + b.x : b.x, y1 = b.step ? y0 + b.y : b.y;
-  std::int64_t px0, py0, px1, py1;
-  if (!to_pixel(x0, y0, &px0, &py0) || !to_pixel(x1, y1, &px1, &py1)) return;
-  if (px0 > px1) std::swap(px0, px1);
-  if (py0 > py1) std::swap(py0, py1);
-  const Canvas cv = frame_canvas();
-  if (!cv.inside(px0, py0) || !cv.inside(px1, py1)) return (void)fail("Illegal function call");
-  const std::uint64_t w = static_cast<std::uint64_t>(px1 - px0 + 1), h = static_cast<std::uint64_t>(py1 - py0 + 1);
+  if (!pixel_rect(t, frame_canvas(), &r) || !comma(t) || !array_bytes(t, &at, &available) || !end(t)) return;
+  const std::uint64_t w = static_cast<std::uint64_t>(r.x1 - r.x0 + 1), h = static_cast<std::uint64_t>(r.y1 - r.y0 + 1);
   if (4 + 4 * w * h > available) return (void)fail("Illegal function call");
   const std::uint16_t head[2] = {static_cast<std::uint16_t>(w), static_cast<std::uint16_t>(h)};
   std::memcpy(at, head, 4);
   for (std::uint64_t row = 0; row < h; ++row)
-    std::memcpy(at + 4 + row * w * 4, fb.back + (static_cast<std::uint64_t>(py0) + row) * fb.pitch + static_cast<std::uint64_t>(px0),
+    std::memcpy(at + 4 + row * w * 4, fb.back + (static_cast<std::uint64_t>(r.y0) + row) * fb.pitch + static_cast<std::uint64_t>(r.x0),
                 w * 4);
-  gfx.last_x = x1;
-  gfx.last_y = y1;
+  gfx.last_x = r.end_x;
+  gfx.last_y = r.end_y;
 }
 
 // PUT [STEP](x,y), array[(subscripts)] [, PSET | PRESET | AND | OR | XOR]: XOR
@@ -575,11 +574,8 @@ void stmt_graphics_put(const Token*& t) {
   std::memcpy(head, at, 4);
   const std::uint64_t w = head[0], h = head[1];
   if (w == 0 || h == 0 || 4 + 4 * w * h > available) return (void)fail("Illegal function call");
-  const double x = p.step ? gfx.last_x + p.x : p.x, y = p.step ? gfx.last_y + p.y : p.y;
   std::int64_t px, py;
-  if (!to_pixel(x, y, &px, &py)) return;
-  gfx.last_x = x;
-  gfx.last_y = y;
+  if (!visit_point(p, &px, &py)) return;
   Canvas cv = frame_canvas();
   for (std::uint64_t row = 0; row < h; ++row) {
     const std::int64_t yy = py + static_cast<std::int64_t>(row);

@@ -202,22 +202,12 @@ void stmt_sprite(const Token*& t) {
   std::int64_t n;
   if (t->kind == core::KW_GET) {
     ++t;
-    GfxPoint a, b;
-    if (!sprite_number(t, &n) || !comma(t) || !point(t, &a) || !values::expect(t, '-', "Syntax error") ||
-        !point(t, &b))
-      return;
-    const double x0 = a.step ? gfx.last_x + a.x : a.x, y0 = a.step ? gfx.last_y + a.y : a.y;
-    const double x1 = b.step ? x0 + b.x : b.x, y1 = b.step ? y0 + b.y : b.y;
-    std::int64_t px0, py0, px1, py1;
-    if (!to_pixel(x0, y0, &px0, &py0) || !to_pixel(x1, y1, &px1, &py1)) return;
-    if (px0 > px1) std::swap(px0, px1);
-    if (py0 > py1) std::swap(py0, py1);
-    const Canvas cv = full_canvas();
-    if (!cv.inside(px0, py0) || !cv.inside(px1, py1)) return (void)fail("Illegal function call");
-    const auto w = static_cast<std::uint32_t>(px1 - px0 + 1), h = static_cast<std::uint32_t>(py1 - py0 + 1);
+    PixelRect r;
+    if (!sprite_number(t, &n) || !comma(t) || !pixel_rect(t, full_canvas(), &r)) return;
+    const auto w = static_cast<std::uint32_t>(r.x1 - r.x0 + 1), h = static_cast<std::uint32_t>(r.y1 - r.y0 + 1);
     std::vector<std::uint32_t> px(static_cast<std::size_t>(w) * h);
     for (std::uint32_t row = 0; row < h; ++row)
-      std::copy_n(fb.back + (py0 + row) * fb.pitch + px0, w, px.begin() + static_cast<std::ptrdiff_t>(row) * w);
+      std::copy_n(fb.back + (r.y0 + row) * fb.pitch + r.x0, w, px.begin() + static_cast<std::ptrdiff_t>(row) * w);
     std::int64_t key;
     if (!key_arg(t, &key, px) || !end(t)) return;
     install(n, from_pixels(w, h, std::move(px), key));
@@ -331,34 +321,28 @@ bool loaded_arg(const Token*& t, const Sprite** s) {
   return true;
 }
 
+// A number read from a loaded sprite.
+template <typename Get>
+bool sprite_number_of(const Token*& t, Value* out, Get get) {
+  const Sprite* s;
+  if (!loaded_arg(t, &s)) return false;
+  *out = Value::integer(get(*s), values::kLong);
+  return true;
+}
+
 }  // namespace
 
 bool f_spritex(const Token*& t, Value* out) {
-  const Sprite* s;
-  if (!loaded_arg(t, &s)) return false;
-  *out = Value::integer(s->x, values::kLong);
-  return true;
+  return sprite_number_of(t, out, [](const Sprite& s) { return s.x; });
 }
-
 bool f_spritey(const Token*& t, Value* out) {
-  const Sprite* s;
-  if (!loaded_arg(t, &s)) return false;
-  *out = Value::integer(s->y, values::kLong);
-  return true;
+  return sprite_number_of(t, out, [](const Sprite& s) { return s.y; });
 }
-
 bool f_spritewidth(const Token*& t, Value* out) {
-  const Sprite* s;
-  if (!loaded_arg(t, &s)) return false;
-  *out = Value::integer(s->w, values::kLong);
-  return true;
+  return sprite_number_of(t, out, [](const Sprite& s) { return std::int64_t{s.w}; });
 }
-
 bool f_spriteheight(const Token*& t, Value* out) {
-  const Sprite* s;
-  if (!loaded_arg(t, &s)) return false;
-  *out = Value::integer(s->h, values::kLong);
-  return true;
+  return sprite_number_of(t, out, [](const Sprite& s) { return std::int64_t{s.h}; });
 }
 
 bool f_spriteloaded(const Token*& t, Value* out) {
