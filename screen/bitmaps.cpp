@@ -137,11 +137,12 @@ void stmt_savebmp(const Token*& t) {
 // rectangle of the screen; source and target may overlap.
 void stmt_bitblt(const Token*& t) {
   ++t;
-  std::int64_t n, x, y, sx = 0, sy = 0, w = -1, h = -1;
+  std::int64_t n, x, y, sx = 0, sy = 0, w = 0, h = 0;
   if (!integer(t, &n) || !in_range(n, 0, kMaxBitmaps) || !comma(t) || !integer(t, &x) || !comma(t) ||
       !integer(t, &y))
     return;
-  if (t->kind == ',') {
+  const bool part = t->kind == ',';
+  if (part) {
     ++t;
     if (!integer(t, &sx) || !comma(t) || !integer(t, &sy) || !comma(t) || !integer(t, &w) || !comma(t) ||
         !integer(t, &h))
@@ -157,7 +158,7 @@ void stmt_bitblt(const Token*& t) {
     if (!slots[n]) return (void)fail("Illegal function call");
     sw = slots[n]->w, sh = slots[n]->h, src = slots[n]->px.data();
   }
-  if (w < 0) w = sw, h = sh;
+  if (!part) w = sw, h = sh;
   if (sx < 0 || sy < 0 || w < 0 || h < 0 || sx + w > sw || sy + h > sh) return (void)fail("Illegal function call");
   if (w == 0 || h == 0) return;
   if (n == 0) {
