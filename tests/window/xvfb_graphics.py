@@ -53,8 +53,10 @@ def main():
                 if subprocess.run(["xwininfo", "-root"], env=env, capture_output=True).returncode == 0:
                     break
                 time.sleep(0.05)
-            # The program by a name relative to the directory the window starts in.
-            app = subprocess.Popen(shlex.split(a.runner) + [os.path.abspath(a.exe), "moving.bas"], env=env,
+            # The window runs in the temporary directory, so the program goes by
+            # its full name: under Wine the Unix path through drive Z:.
+            name = prog if not a.runner else "Z:" + prog.replace("/", "\\")
+            app = subprocess.Popen(shlex.split(a.runner) + [os.path.abspath(a.exe), name], env=env,
                                    cwd=scratch, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             geometry = None
             deadline = time.time() + a.timeout
