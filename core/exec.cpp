@@ -29,6 +29,7 @@ std::atomic<std::uint32_t> event_pending{0};
 void (*close_all_files)() = nullptr;
 void (*restore_data)() = nullptr;
 void (*flush_files)() = nullptr;
+void (*reset_graphics_state)() = nullptr;
 bool (*offer_compiled_region)(const Token*& t) = nullptr;
 
 namespace {
@@ -519,6 +520,7 @@ void execute_direct_tokens(const Token* tokens) {
 
 void run_program(std::uint32_t start_index) {
   clear_run_state();
+  if (reset_graphics_state) reset_graphics_state();
   last_run_failed = false;
   last_run_interrupted = false;
   pause.can_continue = false;

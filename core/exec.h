@@ -93,6 +93,8 @@ extern void (*restore_data)();
 // Files push their buffered bytes to the system when a direct command (and
 // so any run) ends.
 extern void (*flush_files)();
+// RUN starts with no sprites, bitmaps, VIEW or WINDOW.
+extern void (*reset_graphics_state)();
 
 // Compiled execution: offered the statement at t before it is interpreted
 // (not while single-stepping). It returns true when it ran one or more

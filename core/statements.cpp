@@ -8,6 +8,7 @@
 #include "core/errors.h"
 #include "core/exec.h"
 #include "core/keywords.h"
+#include "screen/graphics_statements.h"
 #include "screen/screen_statements.h"
 #include "files/file_statements.h"
 #include "host/platform.h"
@@ -20,6 +21,16 @@ namespace core {
 namespace {
 
 void not_a_statement(const Token*&) { raise("Syntax Error"); }
+
+// GET and PUT are file statements unless a coordinate pair follows.
+void stmt_get(const Token*& t) {
+  if (screen::is_graphics_get_put(t)) screen::stmt_graphics_get(t);
+  else files::stmt_get(t);
+}
+void stmt_put(const Token*& t) {
+  if (screen::is_graphics_get_put(t)) screen::stmt_graphics_put(t);
+  else files::stmt_put(t);
+}
 
 // REM's remark made no tokens: the terminator follows.
 void stmt_rem(const Token*& t) { ++t; }
@@ -85,6 +96,9 @@ constexpr HandlerTable make_table() {
   table[KW_POKE64] = stmt_poke64;
   screen::install_screen_statements(table);
   net::install_net_statements(table);
+  screen::install_graphics_statements(table);
+  table[KW_GET] = stmt_get;
+  table[KW_PUT] = stmt_put;
   return table;
 }
 

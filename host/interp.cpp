@@ -16,6 +16,7 @@
 #include "host/ui.h"
 #include "net/net.h"
 #include "screen/console.h"
+#include "screen/graphics_statements.h"
 #include "screen/lineedit.h"
 #include "values/arena.h"
 
@@ -131,6 +132,7 @@ void interpreter_thread() {
   core::init_interpreter();
   files::install_hooks();
   net::install_hooks();
+  screen::install_graphics_hooks();
   // Whatever way this thread ends, open files are closed and nothing written is lost.
   struct CloseFilesAtEnd {
     ~CloseFilesAtEnd() {

@@ -64,7 +64,8 @@ void draw_glyph(std::int64_t x, std::int64_t y, std::uint8_t ch, std::uint32_t f
       b[px] = v;
     }
   }
-  mark_written(static_cast<std::uint32_t>(x), static_cast<std::uint32_t>(y));
+  mark_rect(x, y, x + 8, y + 16);
+  settle_frame();
 }
 
 void put_cell(std::uint32_t row, std::uint32_t col, std::uint8_t ch) {

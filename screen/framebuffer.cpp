@@ -6,6 +6,7 @@
 
 #include "host/platform.h"
 #include "screen/mouse.h"
+#include "screen/sprites.h"
 
 namespace screen {
 
@@ -65,10 +66,13 @@ void release_framebuffer() {
   fb.pixel_count = 0;
 }
 
+int shown_sprites = 0;
+
 void refresh_all() {
   std::unique_lock guard(fb.lock);
   if (!fb.front) return;
   std::memcpy(fb.front, fb.back, static_cast<std::size_t>(fb.pixel_count) * 4);
+  if (sprites_active()) compose_sprites(0, 0, fb.width, fb.height);
   fb.dirty.store(kDirtyNone);
   fb.changed.store(1);
 }
@@ -85,7 +89,24 @@ void refresh_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_
     const std::size_t at = static_cast<std::size_t>(y) * fb.pitch + static_cast<std::size_t>(x0);
     std::memcpy(fb.front + at, fb.back + at, static_cast<std::size_t>(x1 - x0) * 4);
   }
+  if (sprites_active()) compose_sprites(x0, y0, x1, y1);
   fb.changed.store(1);
+}
+
+void settle_frame() {
+  if (!sprites_active()) return;
+  switch (fb.dirty.load(std::memory_order_relaxed)) {
+    case kDirtyNone:
+      return;
+    case kDirtyRect: {
+      const std::uint32_t* r = fb.dirty_rect;
+      refresh_rect(r[0], r[1], r[2], r[3]);
+      fb.dirty.store(kDirtyNone);
+      return;
+    }
+    default:
+      refresh_all();
+  }
 }
 
 bool colour_from_number(std::int64_t n, std::uint32_t* rgb) {

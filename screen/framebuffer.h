@@ -40,17 +40,48 @@ bool valid_framebuffer_size(std::uint32_t w, std::uint32_t h);
 bool create_framebuffer(std::uint32_t w, std::uint32_t h);
 void release_framebuffer();
 
-// Sprites arrive with the graphics issue; until then no sprite is ever active,
-// so every write marks the whole frame changed.
-inline bool sprites_active() { return false; }
-inline void mark_written(std::uint32_t x, std::uint32_t y) {
-  (void)x;
-  (void)y;
-  fb.dirty.store(kDirtyAll, std::memory_order_relaxed);
-  fb.changed.store(1, std::memory_order_relaxed);
-}
+// Sprites shown right now (sprites.cpp keeps the count). While there are
+// none, the logical framebuffer equals the back buffer and every write only
+// marks the whole frame changed; while there are some, writes collect a
+// dirty rectangle that settle_frame recomposes with the sprites over it.
+extern int shown_sprites;
+inline bool sprites_active() { return shown_sprites > 0; }
 
-// Copy the back buffer over the logical framebuffer (whole frame or a rectangle).
+// Pixels x0..x1-1, y0..y1-1 were written to both buffers.
+inline void mark_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1) {
+  fb.changed.store(1, std::memory_order_relaxed);
+  const std::uint8_t state = fb.dirty.load(std::memory_order_relaxed);
+  if (!sprites_active() || state == kDirtyAll) {
+    fb.dirty.store(kDirtyAll, std::memory_order_relaxed);
+    return;
+  }
+  if (x0 < 0) x0 = 0;
+  if (y0 < 0) y0 = 0;
+  if (x1 > fb.width) x1 = fb.width;
+  if (y1 > fb.height) y1 = fb.height;
+  if (x0 >= x1 || y0 >= y1) return;
+  std::uint32_t* r = fb.dirty_rect;
+  if (state == kDirtyNone) {
+    r[0] = static_cast<std::uint32_t>(x0);
+    r[1] = static_cast<std::uint32_t>(y0);
+    r[2] = static_cast<std::uint32_t>(x1);
+    r[3] = static_cast<std::uint32_t>(y1);
+    fb.dirty.store(kDirtyRect, std::memory_order_relaxed);
+    return;
+  }
+  if (x0 < r[0]) r[0] = static_cast<std::uint32_t>(x0);
+  if (y0 < r[1]) r[1] = static_cast<std::uint32_t>(y0);
+  if (x1 > r[2]) r[2] = static_cast<std::uint32_t>(x1);
+  if (y1 > r[3]) r[3] = static_cast<std::uint32_t>(y1);
+}
+inline void mark_written(std::uint32_t x, std::uint32_t y) { mark_rect(x, y, std::int64_t{x} + 1, std::int64_t{y} + 1); }
+
+// After drawing: while sprites are shown, refresh what was written from the
+// back buffer and draw the sprites over it again; the dirty state is reset.
+void settle_frame();
+
+// Copy the back buffer over the logical framebuffer (whole frame or a
+// rectangle, max exclusive) and draw the shown sprites over the copy.
 void refresh_all();
 void refresh_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1);
 

@@ -19,6 +19,8 @@
 #include "screen/console.h"
 #include "screen/lineedit.h"
 #include "screen/framebuffer.h"
+#include "screen/graphics.h"
+#include "screen/graphics_statements.h"
 #include "screen/keynames.h"
 #include "screen/keyqueue.h"
 #include "screen/mouse.h"
@@ -95,10 +97,14 @@ void store_capture(const char* text, std::uint64_t n) {
 
 }  // namespace
 
+// CLS [n]: without n (or with 2) the text region; 0 the whole screen, pixels
+// and cells; 1 the graphics viewport (the whole frame without VIEW).
 void stmt_cls(const Token*& t) {
   ++t;
+  std::int64_t part = 2;
+  if (!core::at_statement_end(t) && (!int_arg(t, &part) || !in_range(part, 0, 2))) return;
   if (!end_of_statement(t)) return;
-  clear_region();
+  clear_screen_part(static_cast<int>(part));
 }
 
 // LOCATE [row][,[col][,cursor]]: an omitted row or column stays as it is. The
@@ -174,6 +180,9 @@ void stmt_screen(const Token*& t) {
   if (con.has_window && (con.win_right >= text_columns() || con.win_bottom >= text_rows())) con.has_window = false;
   if (con.has_viewport && con.view_bottom >= text_rows()) con.has_viewport = false;
   home_cursor();
+  // VIEW and WINDOW belonged to the old frame; sprites come back over the new one.
+  reset_graphics();
+  refresh_all();
 }
 
 // VIDEOMODE n, widthVar, heightVar: the size of mode n (from 0) as SCREEN MODES lists it.
@@ -214,12 +223,11 @@ void stmt_txtwindow(const Token*& t) {
   home_cursor();
 }
 
-// VIEW PRINT top TO bottom | VIEW PRINT. The graphics viewport form of VIEW
-// belongs to the graphics statements.
+// VIEW PRINT top TO bottom | VIEW PRINT. The graphics viewport forms of VIEW
+// belong to the graphics statements.
 void stmt_view(const Token*& t) {
-  ++t;
-  if (t->kind != core::KW_PRINT) return (void)fail("Syntax error");
-  ++t;
+  if (t[1].kind != core::KW_PRINT) return stmt_view_graphics(t);
+  t += 2;
   if (core::at_statement_end(t)) {
     con.has_viewport = false;
     home_cursor();
@@ -477,21 +485,6 @@ bool f_screen(const Token*& t, Value* out) {
   return true;
 }
 
-// POINT(x,y): the pixel as a palette index when it is one of the sixteen, else
-// its 0xRRGGBB value; -1 outside the frame.
-bool f_point(const Token*& t, Value* out) {
-  Value a[2];
-  std::int64_t x, y;
-  if (!values::parse_args(t, a, 2, 2) || !values::arg_int(a[0], &x) || !values::arg_int(a[1], &y)) return false;
-  if (!fb.back || x < 0 || y < 0 || x >= fb.width || y >= fb.height) {
-    *out = Value::integer(-1, values::kLong);
-    return true;
-  }
-  *out = Value::integer(point_value(fb.back[static_cast<std::size_t>(y) * fb.pitch + static_cast<std::size_t>(x)]),
-                        values::kLong);
-  return true;
-}
-
 bool f_mousex(const Token*& t, Value* out) {
   if (!optional_empty_parens(t)) return false;
   *out = Value::integer(mouse.x.load(), values::kLong);
@@ -540,7 +533,7 @@ bool f_clipboard(const Token*& t, Value* out) {
 
 const values::Builtin kScreenFunctions[] = {
     {"CLIPBOARD$", f_clipboard}, {"KEYDOWN", f_keydown},       {"MOUSEB", f_mouseb}, {"MOUSEWHEEL", f_mousewheel},
-    {"MOUSEX", f_mousex},        {"MOUSEY", f_mousey},         {"POINT", f_point},   {"SCREEN", f_screen},
+    {"MOUSEX", f_mousex},        {"MOUSEY", f_mousey},         {"SCREEN", f_screen},
     {"VIDEOMODES", f_videomodes},
 };
 const int kScreenFunctionCount = static_cast<int>(sizeof kScreenFunctions / sizeof kScreenFunctions[0]);

@@ -50,7 +50,7 @@ inline constexpr core::NamedStatement kScreenNamed[] = {
     {"KEY", stmt_key},
 };
 
-// SCREEN(row,col[,z]), POINT(x,y), MOUSEX, MOUSEY, MOUSEB, MOUSEWHEEL,
+// SCREEN(row,col[,z]), MOUSEX, MOUSEY, MOUSEB, MOUSEWHEEL,
 // KEYDOWN(key$), VIDEOMODES, CLIPBOARD$.
 extern const values::Builtin kScreenFunctions[];
 extern const int kScreenFunctionCount;

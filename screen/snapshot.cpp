@@ -1,6 +1,8 @@
-// PNG (stored deflate blocks, no compression library needed) and BMP writers.
+// PNG (our own deflate: LZ77 with the fixed Huffman codes, no compression
+// library needed) and BMP writers.
 #include "screen/snapshot.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <shared_mutex>
@@ -40,6 +42,112 @@ void chunk(std::vector<std::uint8_t>& out, const char* type, const std::vector<s
   out.insert(out.end(), body.begin(), body.end());
   be32(out, crc32(body.data(), body.size()));
 }
+// Deflate with one block of the fixed Huffman codes and greedy LZ77 matches
+// found through hash chains. Screens are mostly runs and repeats, which this
+// shrinks about a hundredfold; a dynamic-code block would gain little more.
+class BitWriter {
+ public:
+  explicit BitWriter(std::vector<std::uint8_t>* out) : out_(out) {}
+  void bits(std::uint32_t value, int n) {  // least significant bit first
+    acc_ |= static_cast<std::uint64_t>(value) << count_;
+    count_ += n;
+    while (count_ >= 8) {
+      out_->push_back(static_cast<std::uint8_t>(acc_));
+      acc_ >>= 8;
+      count_ -= 8;
+    }
+  }
+  void code(std::uint32_t value, int n) {  // Huffman codes go most significant bit first
+    std::uint32_t r = 0;
+    for (int i = 0; i < n; ++i) r |= ((value >> i) & 1) << (n - 1 - i);
+    bits(r, n);
+  }
+  void flush() {
+    if (count_) out_->push_back(static_cast<std::uint8_t>(acc_));
+    acc_ = 0;
+    count_ = 0;
+  }
+
+ private:
+  std::vector<std::uint8_t>* out_;
+  std::uint64_t acc_ = 0;
+  int count_ = 0;
+};
+
+void literal_code(BitWriter& w, std::uint32_t v) {
+  if (v < 144) w.code(0x30 + v, 8);
+  else if (v < 256) w.code(0x190 + v - 144, 9);
+  else if (v < 280) w.code(v - 256, 7);
+  else w.code(0xC0 + v - 280, 8);
+}
+
+const std::uint16_t kLengthBase[29] = {3, 4, 5, 6, 7, 8, 9, 10, 11, 13, 15, 17, 19, 23, 27, 31, 35, 43, 51, 59, 67, 83, 99, 115, 131, 163, 195, 227, 258};
+const std::uint8_t kLengthExtra[29] = {0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5, 0};
+const std::uint16_t kDistBase[30] = {1, 2, 3, 4, 5, 7, 9, 13, 17, 25, 33, 49, 65, 97, 129, 193, 257, 385, 513, 769, 1025, 1537, 2049, 3073, 4097, 6145, 8193, 12289, 16385, 24577};
+const std::uint8_t kDistExtra[30] = {0, 0, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7, 8, 8, 9, 9, 10, 10, 11, 11, 12, 12, 13, 13};
+
+void match_code(BitWriter& w, std::uint32_t len, std::uint32_t dist) {
+  int i = 28;
+  while (kLengthBase[i] > len) --i;
+  literal_code(w, 257 + static_cast<std::uint32_t>(i));
+  w.bits(len - kLengthBase[i], kLengthExtra[i]);
+  int d = 29;
+  while (kDistBase[d] > dist) --d;
+  w.code(static_cast<std::uint32_t>(d), 5);
+  w.bits(dist - kDistBase[d], kDistExtra[d]);
+}
+
+void deflate_fixed(const std::vector<std::uint8_t>& in, std::vector<std::uint8_t>* out) {
+  constexpr std::size_t kWindow = 32768, kMaxLen = 258, kChain = 16;
+  constexpr std::uint32_t kHashBits = 15;
+  BitWriter w(out);
+  w.bits(1, 1);  // final block
+  w.bits(1, 2);  // fixed codes
+  std::vector<std::int64_t> head(std::size_t{1} << kHashBits, -1), prev(kWindow, -1);
+  const std::size_t n = in.size();
+  auto hash = [&](std::size_t i) {
+    return ((static_cast<std::uint32_t>(in[i]) << 16 | in[i + 1] << 8 | in[i + 2]) * 2654435761u) >> (32 - kHashBits);
+  };
+  auto insert = [&](std::size_t i) {
+    if (i + 2 >= n) return;
+    const std::uint32_t h = hash(i);
+    prev[i % kWindow] = head[h];
+    head[h] = static_cast<std::int64_t>(i);
+  };
+  std::size_t i = 0;
+  while (i < n) {
+    std::size_t best = 0, best_dist = 0;
+    if (i + 2 < n) {
+      std::int64_t cand = head[hash(i)];
+      for (std::size_t k = 0; k < kChain && cand >= 0 && i - static_cast<std::size_t>(cand) <= kWindow; ++k) {
+        const std::size_t c = static_cast<std::size_t>(cand);
+        std::size_t len = 0;
+        const std::size_t limit = std::min(kMaxLen, n - i);
+        while (len < limit && in[c + len] == in[i + len]) ++len;
+        if (len > best) {
+          best = len;
+          best_dist = i - c;
+          if (len == limit) break;
+        }
+        const std::int64_t next = prev[c % kWindow];
+        if (next >= cand) break;  // the slot was reused by a newer position
+        cand = next;
+      }
+    }
+    if (best >= 3) {
+      match_code(w, static_cast<std::uint32_t>(best), static_cast<std::uint32_t>(best_dist));
+      for (std::size_t k = 0; k < best; ++k) insert(i + k);
+      i += best;
+    } else {
+      literal_code(w, in[i]);
+      insert(i);
+      ++i;
+    }
+  }
+  literal_code(w, 256);
+  w.flush();
+}
+
 bool save(const std::string& path, const std::vector<std::uint8_t>& bytes) {
   std::FILE* f = std::fopen(path.c_str(), "wb");
   if (!f) return false;
@@ -66,18 +174,7 @@ bool write_png(const std::string& path, const std::uint32_t* px, std::uint32_t w
     a = (a + c) % 65521;
     b = (b + a) % 65521;
   }
-  for (std::size_t at = 0; at < raw.size() || at == 0;) {
-    const std::size_t n = raw.size() - at > 65535 ? 65535 : raw.size() - at;
-    const bool last = at + n == raw.size();
-    z.push_back(last ? 1 : 0);
-    z.push_back(static_cast<std::uint8_t>(n));
-    z.push_back(static_cast<std::uint8_t>(n >> 8));
-    z.push_back(static_cast<std::uint8_t>(~n));
-    z.push_back(static_cast<std::uint8_t>(~n >> 8));
-    z.insert(z.end(), raw.begin() + static_cast<std::ptrdiff_t>(at), raw.begin() + static_cast<std::ptrdiff_t>(at + n));
-    at += n;
-    if (last) break;
-  }
+  deflate_fixed(raw, &z);
   be32(z, (b << 16) | a);
   std::vector<std::uint8_t> out = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
   std::vector<std::uint8_t> ihdr;

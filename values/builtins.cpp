@@ -17,6 +17,7 @@
 #include "host/ui.h"
 #include "screen/console.h"
 #include "screen/framebuffer.h"
+#include "screen/graphics_statements.h"
 #include "screen/keyqueue.h"
 #include "screen/screen_statements.h"
 #include "screen/snapshot.h"
@@ -749,6 +750,7 @@ const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
     core::input_builtins(),
     {screen::kScreenFunctions, screen::kScreenFunctionCount},
+    {screen::kGraphicsFunctions, screen::kGraphicsFunctionCount},
     files::file_builtins(),
     net::net_builtins(),
 };

@@ -27,7 +27,10 @@ bool poke(std::uint64_t address, int width, std::uint64_t value) {
     core::raise("Invalid memory address");
     return false;
   }
+  if (poke_watch) poke_watch(address, width);
   return true;
 }
+
+void (*poke_watch)(std::uint64_t address, int width) = nullptr;
 
 }  // namespace values

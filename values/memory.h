@@ -12,4 +12,8 @@ namespace values {
 // adoption off (raw writes may alias string bytes).
 [[nodiscard]] bool poke(std::uint64_t address, int width, std::uint64_t value);
 
+// Told about every successful POKE: the screen keeps its two buffers and
+// the sprites over them in step when a program writes the framebuffer.
+extern void (*poke_watch)(std::uint64_t address, int width);
+
 }  // namespace values
