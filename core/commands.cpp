@@ -100,6 +100,8 @@ std::uint32_t rows_for(const char* text, std::size_t n, std::uint32_t width, std
   return rows;
 }
 
+}  // namespace
+
 // The page prompt: false when the listing is abandoned.
 bool page_prompt() {
   screen::put_text("-- more: any key, Esc stops --");
@@ -111,8 +113,6 @@ bool page_prompt() {
   screen::con.col = r.left;
   return got && (k.code & 0xFF) != screen::kKeyEsc;
 }
-
-}  // namespace
 
 void stmt_list(const Token*& t) {
   ++t;

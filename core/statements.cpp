@@ -9,6 +9,7 @@
 #include "core/keywords.h"
 #include "screen/screen_statements.h"
 #include "files/file_statements.h"
+#include "tools/tools.h"
 #include "values/eval.h"
 
 namespace core {
@@ -80,6 +81,7 @@ constexpr HandlerTable make_table() {
   table[KW_POKE32] = stmt_poke32;
   table[KW_POKE64] = stmt_poke64;
   screen::install_screen_statements(table);
+  tools::install_tool_statements(table);
   return table;
 }
 
@@ -104,6 +106,8 @@ Handler find_named(const char* name) {
 }
 
 }  // namespace
+
+bool is_statement_word(const char* name) { return find_named(name) != nullptr; }
 
 bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' || t->kind == KW_ELSE; }
 

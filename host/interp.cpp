@@ -15,6 +15,7 @@
 #include "host/ui.h"
 #include "screen/console.h"
 #include "screen/lineedit.h"
+#include "tools/tools.h"
 #include "values/arena.h"
 
 namespace host {
@@ -128,6 +129,7 @@ void interpreter_thread() {
   values::arena_init(shell.data_arena, shell.data_pages << 12);
   core::init_interpreter();
   files::install_hooks();
+  tools::install_hooks();
   // Whatever way this thread ends, open files are closed and nothing written is lost.
   struct CloseFilesAtEnd {
     ~CloseFilesAtEnd() { files::close_all(); }

@@ -12,6 +12,7 @@
 namespace screen {
 
 bool edit_insert_mode = true;
+void (*debugger_hook)() = nullptr;
 
 namespace {
 
@@ -97,8 +98,8 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
     const std::uint16_t code = k.code & 0xFF;
     if (code == kKeyEsc) break;
     if (code == kKeyDebugger) {
-      // The debugger arrives with the developer tools; the request is consumed.
       keys.debugger_request.store(0);
+      if (debugger_hook) debugger_hook();  // it puts the screen back as it was
       continue;
     }
     if (code == kKeyReset) {

@@ -19,6 +19,7 @@
 #include "screen/keyqueue.h"
 #include "screen/screen_statements.h"
 #include "screen/snapshot.h"
+#include "tools/tools.h"
 #include "values/arena.h"
 #include "values/arrays.h"
 #include "values/hyper.h"
@@ -757,6 +758,7 @@ const BuiltinGroup kGroups[] = {
     core::input_builtins(),
     {screen::kScreenFunctions, screen::kScreenFunctionCount},
     files::file_builtins(),
+    tools::tool_builtins(),
 };
 
 }  // namespace
