@@ -109,6 +109,14 @@ Handler find_named(const char* name) {
 
 bool is_statement_word(const char* name) { return find_named(name) != nullptr; }
 
+const char* statement_word(int index) {
+  for (const NamedGroup& g : kNamedGroups) {
+    if (index < g.count) return g.rows[index].name;
+    index -= g.count;
+  }
+  return nullptr;
+}
+
 bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' || t->kind == KW_ELSE; }
 
 void stmt_let(const Token*& t) {

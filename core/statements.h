@@ -33,6 +33,8 @@ void run_statement(const Token*& t);
 // Whether an identifier is a statement word that is not a keyword (ACCEPT,
 // CAPTURE, STATEWRITE, ...).
 bool is_statement_word(const char* name);
+// Those words by index; nullptr past the end.
+const char* statement_word(int index);
 
 // After a statement: only ":", ELSE or the end of the line may follow.
 bool at_statement_end(const Token* t);

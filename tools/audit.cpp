@@ -75,6 +75,9 @@ bool statement_keyword(std::uint8_t k) {
 bool is_ident(const Token& t, const char* name) { return t.kind == core::kTokIdent && std::strcmp(t.name(), name) == 0; }
 bool stmt_end(const Token& t) { return t.kind == core::kTokEnd || t.kind == ':' || t.kind == core::KW_ELSE; }
 bool relational(std::uint8_t k) { return k == '=' || k == '<' || k == '>'; }
+// An ELSE that starts a line is a statement of its own (and a syntax error
+// at run time), not the ELSE of an IF.
+bool at_line_start(const Token* base, const Token* t) { return t == base; }
 
 bool binary_operator(std::uint8_t k) {
   using namespace core;
@@ -266,11 +269,11 @@ class Auditor {
         else if (depth <= 0 && (t->kind == ':' || t->kind == core::KW_THEN || t->kind == core::KW_ELSE)) break;
         ++t;
       }
-      if (t->kind == core::KW_THEN || t->kind == core::KW_ELSE) {
+      // Past the separators: ":", and THEN or ELSE with their line number.
+      while (t->kind == ':' || t->kind == core::KW_THEN || (t->kind == core::KW_ELSE && !at_line_start(base, t))) {
+        const bool branch = t->kind != ':';
         ++t;
-        if (t->kind == core::kTokNumber) ++t;  // THEN 100
-      } else if (t->kind == ':') {
-        ++t;
+        if (branch && t->kind == core::kTokNumber && stmt_end(t[1])) ++t;  // THEN 100 ELSE 200
       }
       if (t == start) ++t;
     }
@@ -448,6 +451,7 @@ class Auditor {
       std::string var;
       const Line* line;
       int order;
+      bool in_branch;  // opened inside a THEN or ELSE branch
     };
     std::vector<Open> open;
     auto close_to = [&](std::size_t keep) {
@@ -471,9 +475,9 @@ class Auditor {
                               t[-1].kind == core::KW_ELSE;
         if (!at_start) continue;
         if ((t->kind == core::KW_FOR || t->kind == core::KW_PARFOR) && t[1].kind != core::KW_END) {
-          open.push_back({true, t[1].kind == core::kTokIdent ? t[1].name() : "", &l, order});
+          open.push_back({true, t[1].kind == core::kTokIdent ? t[1].name() : "", &l, order, in_branch});
         } else if (t->kind == core::KW_WHILE && t[1].kind != core::KW_END) {
-          open.push_back({false, "", &l, order});
+          open.push_back({false, "", &l, order, in_branch});
         } else if (t->kind == core::KW_NEXT) {
           std::vector<std::string> names;
           for (const Token* p = t + 1; p->kind == core::kTokIdent; p += 2) {
@@ -489,7 +493,7 @@ class Auditor {
               break;
             }
             // A loop opened and closed in the same branch is closed for good.
-            if (!in_branch || open[i - 1].line == &l) {
+            if (!in_branch || (open[i - 1].line == &l && open[i - 1].in_branch)) {
               close_to(i);
               open.pop_back();
             }
@@ -499,7 +503,7 @@ class Auditor {
           while (i > 0 && open[i - 1].is_for) --i;
           if (i == 0) {
             find(l, order, "WEND without WHILE");
-          } else if (!in_branch || open[i - 1].line == &l) {
+          } else if (!in_branch || (open[i - 1].line == &l && open[i - 1].in_branch)) {
             close_to(i);
             open.pop_back();
           }

@@ -783,6 +783,11 @@ int find_pseudo(const char* name) {
   return -1;
 }
 
+const char* pseudo_name(int index) {
+  constexpr int n = static_cast<int>(sizeof kPseudo / sizeof kPseudo[0]);
+  return index >= 0 && index < n ? kPseudo[index] : nullptr;
+}
+
 bool pseudo_value(int index, const Token*& t, Value* out) {
   switch (index) {
     case P_TIMER: {
