@@ -457,7 +457,7 @@ class Auditor {
     auto close_to = [&](std::size_t keep) {
       while (open.size() > keep) {
         const Open& o = open.back();
-        find(*o.line, o.order, o.is_for ? "FOR without NEXT" : "WHILE without WEND");
+        find(*o.line, o.order, o.is_for ? "FOR " + o.var + " without NEXT" : std::string("WHILE without WEND"));
         open.pop_back();
       }
     };
@@ -521,7 +521,7 @@ class Auditor {
     for (const Line& l : lines_) {
       for (const LineRef& r : l.scan.refs) {
         if (r.kind == RefKind::Erl || r.kind == RefKind::Range || numbers.count(r.target)) continue;
-        static const char* const kNames[] = {"GOTO", "GOSUB", "THEN/ELSE", "RESTORE", "RESUME", "RETURN", "RUN"};
+        static const char* const kNames[] = {"GOTO", "GOSUB", "THEN", "ELSE", "RESTORE", "RESUME", "RETURN", "RUN"};
         find(l, static_cast<int>(r.column), std::string(kNames[static_cast<int>(r.kind)]) + " " +
                                                  std::to_string(r.target) + ": no line " +
                                                  std::to_string(r.target) + " in the program");
@@ -549,7 +549,7 @@ class Auditor {
       reached[i] = true;
       const Line& l = lines_[i];
       for (const LineRef& r : l.scan.refs)
-        if ((r.kind == RefKind::Goto || r.kind == RefKind::Then) && index.count(r.target))
+        if ((r.kind == RefKind::Goto || r.kind == RefKind::Then || r.kind == RefKind::Else) && index.count(r.target))
           work.push_back(index[r.target]);
       if (i + 1 < lines_.size() && falls_through(l)) work.push_back(i + 1);
     }

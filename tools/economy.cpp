@@ -10,6 +10,7 @@
 #include "core/program.h"
 #include "core/statements.h"
 #include "host/shell.h"
+#include "screen/console.h"
 #include "tools/pager.h"
 #include "tools/tools.h"
 #include "values/arena.h"
@@ -26,6 +27,9 @@ std::string grouped(std::uint64_t n) {
   for (int i = static_cast<int>(s.size()) - 3; i > 0; i -= 3) s.insert(static_cast<std::size_t>(i), ",");
   return s;
 }
+
+// "1 line", "2 lines".
+std::string count(std::uint64_t n, const char* noun) { return grouped(n) + " " + noun + (n == 1 ? "" : "s"); }
 
 std::string percent(std::uint64_t part, std::uint64_t whole) {
   char buf[16];
@@ -129,18 +133,18 @@ void stmt_economy(const core::Token*& t) {
   const std::string lines[] = {
       "MEMORY ECONOMY",
       "Program arena : " + grouped(code_used) + " of " + grouped(code_size) + " bytes in " +
-          grouped(program.lines) + " lines; token cache " + grouped(cache) + " bytes",
+          count(program.lines, "line") + "; token cache " + grouped(cache) + " bytes",
       "Data arena    : " + grouped(arena) + " bytes, " + grouped(values::fre()) + " free (FRE)",
       "Descriptors   : " + grouped(vars) + " of " + grouped(values::kMaxDescriptors) + " (" +
           grouped(std::uint64_t{vars} * values::kDescriptorBytes) + " of " + grouped(values::kDescriptorTableBytes) +
           " bytes)",
-      "Block heap    : " + grouped(h.used) + " bytes in " + grouped(h.blocks) + " blocks; " + grouped(h.free_blocks) +
-          " free blocks of " + grouped(h.free_bytes) + " bytes",
+      "Block heap    : " + grouped(h.used) + " bytes in " + count(h.blocks, "block") + "; " + count(h.free_blocks, "free block") +
+          " of " + grouped(h.free_bytes) + " bytes",
       "Fragmentation : " + percent(h.free_bytes, h.used) + " of the block heap is free blocks; largest " +
           grouped(h.largest_free) + " bytes",
       "Free gap      : " + grouped(gap) + " bytes between FREEBOT and FREETOP",
-      "String heap   : " + grouped(s.heap) + " bytes; " + grouped(s.live) + " live in " + grouped(s.strings) +
-          " strings (" + grouped(s.shared) + " shared), " + grouped(dead) + " dead",
+      "String heap   : " + grouped(s.heap) + " bytes; " + grouped(s.live) + " live in " + count(s.strings, "string") +
+          " (" + grouped(s.shared) + " shared), " + grouped(dead) + " dead",
       "Temporaries   : " + grouped(values::temp_count < values::kTemporaries ? values::temp_count : values::kTemporaries) + " of " + std::to_string(values::kTemporaries) +
           " in the ring; adoption " + (values::adoption_on() ? "on" : "off (after POKE)"),
       "Compaction    : " + grouped(since) + " bytes allocated since the last; next at 8 MiB or a gap under 8 MiB" +
@@ -156,7 +160,7 @@ void stmt_economy(const core::Token*& t) {
                   " bytes: they are reclaimed by the next compaction; building strings in one expression "
                   "(or with MID$ assignment into a fixed buffer) makes fewer of them.";
   if (h.free_blocks > 0 && h.free_bytes * 4 > h.used)
-    advice[n++] = "The block heap has " + grouped(h.free_blocks) + " free blocks of " + grouped(h.free_bytes) +
+    advice[n++] = "The block heap has " + count(h.free_blocks, "free block") + " of " + grouped(h.free_bytes) +
                   " bytes between arrays: ERASE arrays in the reverse order of their DIM, or CLEAR, to give them "
                   "back to the free gap.";
   if (vars * 10 > values::kMaxDescriptors * 9)
@@ -174,8 +178,17 @@ void stmt_economy(const core::Token*& t) {
     out.line("  Nothing is wasted.");
     return;
   }
-  for (int i = 0; i < n; ++i)
-    if (!out.line("  " + advice[i])) return;
+  const unsigned width = screen::text_columns() > 1 ? screen::text_columns() - 1 : 1;
+  for (int i = 0; i < n; ++i) {
+    const std::string text = wrap_text("- " + advice[i], width > 10 ? width - 2 : 8, 2);
+    std::size_t pos = 0;
+    for (;;) {
+      const std::size_t nl = text.find('\n', pos);
+      if (!out.line("  " + text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos))) return;
+      if (nl == std::string::npos) break;
+      pos = nl + 1;
+    }
+  }
 }
 
 }  // namespace tools

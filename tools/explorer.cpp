@@ -121,7 +121,9 @@ void dump(std::uint64_t address, std::uint64_t length, Pager& out) {
       hex += buf;
       if (i == 7) hex += ' ';
     }
-    if (!out.line(hex_address(address + row) + "  " + hex + " " + chars)) return;
+    std::string line = hex_address(address + row) + "  " + hex + " " + chars;
+    line.erase(line.find_last_not_of(' ') + 1);
+    if (!out.line(line)) return;
   }
 }
 

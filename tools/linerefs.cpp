@@ -106,7 +106,7 @@ LineScan scan_line(const char* text) {
       }
       case core::KW_THEN:
       case core::KW_ELSE:
-        if (statement_end(t[i + 2])) add(RefKind::Then, t[i + 1]);
+        if (statement_end(t[i + 2])) add(k.kind == core::KW_THEN ? RefKind::Then : RefKind::Else, t[i + 1]);
         break;
       case core::KW_RESTORE:
       case core::KW_RUN:

@@ -12,7 +12,8 @@ namespace tools {
 enum class RefKind : std::uint8_t {
   Goto,     // GOTO, ON ... GOTO, IF ... GOTO, ON ERROR/BREAK GOTO
   Gosub,    // GOSUB, ON ... GOSUB, ON TIMER/MOUSE... GOSUB
-  Then,     // a bare line number after THEN or ELSE
+  Then,     // a bare line number after THEN
+  Else,     // a bare line number after ELSE
   Restore,
   Resume,
   Return,
