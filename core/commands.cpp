@@ -154,8 +154,17 @@ void stmt_list(const Token*& t) {
       used = 0;
     }
     used += rows;
+    // A line with a breakpoint is listed in the debugger's breakpoint colours.
+    const std::uint32_t fg = screen::con.fg, bg = screen::con.bg;
+    const bool marked = is_breakpoint_line(line_index[index].number);
+    if (marked) {
+      screen::con.fg = kBreakpointFg;
+      screen::con.bg = kBreakpointBg;
+    }
     screen::put_text(head);
     for (std::uint32_t i = 0; i < len; ++i) screen::put_char(static_cast<std::uint8_t>(body[i]));
+    screen::con.fg = fg;
+    screen::con.bg = bg;
     if (!screen::at_line_start()) screen::put_char(13);
   }
 }

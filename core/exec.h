@@ -59,6 +59,8 @@ void skip_to_line_end(const Token*& t);
 std::uint32_t token_index(const Token* t);
 
 // Breakpoints (BREAK, the debugger, RENUM): the list is edited in place.
+// LIST and the debugger show breakpoint lines in these colours.
+constexpr std::uint32_t kBreakpointFg = 0xFFFF55, kBreakpointBg = 0xAA0000;
 std::uint32_t* breakpoint_list(int* count);
 bool is_breakpoint_line(std::uint32_t number);
 // Set or clear a breakpoint; false with "Too many breakpoints" when full.

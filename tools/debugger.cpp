@@ -31,7 +31,7 @@ constexpr std::uint32_t kTitleFg = 0x000000, kTitleBg = 0xAAAAAA;
 constexpr std::uint32_t kTextFg = 0xFFFFFF, kTextBg = 0x0000AA;
 constexpr std::uint32_t kCurrentFg = 0xFFFF55, kCurrentBg = 0x00AAAA;
 constexpr std::uint32_t kSelectFg = 0xFFFFFF, kSelectBg = 0x555555;
-constexpr std::uint32_t kBreakFg = 0xFF5555;
+constexpr std::uint32_t kBreakFg = 0xFF5555;  // the status row and the breakpoint mark
 constexpr std::uint32_t kHeadFg = 0x55FFFF;
 
 bool active = false;

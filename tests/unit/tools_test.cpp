@@ -209,6 +209,19 @@ TEST_F(Debugger, SetsBreakpointsAddsWatchesAndStopsTheProgram) {
   EXPECT_NE(ui_.printed.find("Breakpoint in 20"), std::string::npos) << ui_.printed;
 }
 
+TEST_F(Debugger, ListMarksBreakpointLinesInTheBreakpointColours) {
+  type("10 PRINT 1");
+  type("20 PRINT 2");
+  type("BREAK 20");
+  type("CLS");
+  type("LIST");
+  EXPECT_EQ(screen::con.cells[1][0], '2');
+  EXPECT_EQ(screen::con.cell_colours[0][0], 0xFFFFFFu) << "line 10 in the text colour";
+  EXPECT_EQ(screen::con.cell_colours[1][0], core::kBreakpointFg);
+  EXPECT_EQ(screen::con.cell_colours[1][9], core::kBreakpointFg) << "the whole line, body included";
+  EXPECT_EQ(screen::con.fg, 0xFFFFFFu) << "the colours are back after the listing";
+}
+
 TEST_F(Debugger, F12AtThePromptShowsThePausedProgramAndGivesTheEditorBack) {
   type("10 A$ = \"hi\": STOP");
   type("20 PRINT A$");
