@@ -383,13 +383,9 @@ class Auditor {
       return false;
     }
     ++t;
-    if (t->kind == '(') {
-      int depth = 0;
-      do {
-        if (t->kind == '(') ++depth;
-        else if (t->kind == ')') --depth;
-        ++t;
-      } while (depth > 0 && t->kind != core::kTokEnd);
+    if (t->kind == '(' && !(t = past_parentheses(t))) {
+      find(l, order, "Missing )");
+      return false;
     }
     const bool component = t->kind == '.';
     if (component) t += 2;

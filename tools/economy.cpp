@@ -10,7 +10,6 @@
 #include "core/program.h"
 #include "core/statements.h"
 #include "host/shell.h"
-#include "screen/console.h"
 #include "tools/pager.h"
 #include "tools/tools.h"
 #include "values/arena.h"
@@ -178,17 +177,8 @@ void stmt_economy(const core::Token*& t) {
     out.line("  Nothing is wasted.");
     return;
   }
-  const unsigned width = screen::text_columns() > 1 ? screen::text_columns() - 1 : 1;
-  for (int i = 0; i < n; ++i) {
-    const std::string text = wrap_text("- " + advice[i], width > 10 ? width - 2 : 8, 2);
-    std::size_t pos = 0;
-    for (;;) {
-      const std::size_t nl = text.find('\n', pos);
-      if (!out.line("  " + text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos))) return;
-      if (nl == std::string::npos) break;
-      pos = nl + 1;
-    }
-  }
+  for (int i = 0; i < n; ++i)
+    if (!out.columns("  -", 4, advice[i])) return;
 }
 
 }  // namespace tools

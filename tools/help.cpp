@@ -69,41 +69,16 @@ void show_categories(Pager& out) {
 }
 
 void show_category(const HelpCategory& c, Pager& out) {
-  const unsigned width = screen::text_columns() > 1 ? screen::text_columns() - 1 : 1;
   out.line(std::string(c.name) + ": " + c.title);
-  for (int k = 0; k < kHelpEntryCount && !out.stopped(); ++k) {
+  for (int k = 0; k < kHelpEntryCount; ++k) {
     const HelpEntry& e = kHelpEntries[k];
-    if (std::strcmp(e.category, c.name) != 0) continue;
-    // The syntax wraps in its own column beside the name.
-    const std::string text = wrap_text(e.syntax, width > 26 ? width - 18 : 8, 0);
-    std::string prefix = pad(e.name, 18);
-    std::size_t pos = 0;
-    for (;;) {
-      const std::size_t nl = text.find('\n', pos);
-      if (!out.line(prefix + text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos))) return;
-      if (nl == std::string::npos) break;
-      pos = nl + 1;
-      prefix.assign(18, ' ');
-    }
-  }
-}
-
-void print_wrapped(const std::string& s, unsigned width, unsigned indent, Pager& out) {
-  const std::string text = wrap_text(s, width, indent);
-  std::size_t pos = 0;
-  for (;;) {
-    const std::size_t nl = text.find('\n', pos);
-    if (!out.line(text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos))) return;
-    if (nl == std::string::npos) return;
-    pos = nl + 1;
+    if (std::strcmp(e.category, c.name) == 0 && !out.columns(e.name, 18, e.syntax)) return;
   }
 }
 
 void show_entry(const HelpEntry& e, Pager& out) {
-  const unsigned width = screen::text_columns() > 1 ? screen::text_columns() - 1 : 1;
   out.line(std::string(e.name) + " - " + e.category);
-  print_wrapped(std::string("Syntax: ") + e.syntax, width, 8, out);
-  print_wrapped(e.text, width, 0, out);
+  if (out.columns("Syntax:", 8, e.syntax)) out.columns("", 0, e.text);
 }
 
 }  // namespace
@@ -181,7 +156,7 @@ void stmt_help(const core::Token*& t) {
     if (std::strncmp(kHelpEntries[k].name, topic.c_str(), topic.size() < 3 ? topic.size() : 3) == 0)
       near += near.empty() ? kHelpEntries[k].name : std::string(", ") + kHelpEntries[k].name;
   out.line("No HELP entry for " + topic + "; HELP lists the categories.");
-  if (!near.empty()) print_wrapped("See also: " + near, screen::text_columns() - 1, 10, out);
+  if (!near.empty()) out.columns("See also:", 10, near);
 }
 
 }  // namespace tools

@@ -153,6 +153,17 @@ LineScan scan_line(const char* text) {
   return s;
 }
 
+const Token* past_parentheses(const Token* t) {
+  int depth = 0;
+  do {
+    if (t->kind == '(') ++depth;
+    else if (t->kind == ')') --depth;
+    else if (t->kind == core::kTokEnd) return nullptr;
+    ++t;
+  } while (depth > 0);
+  return t;
+}
+
 std::string token_text(const Token& t) {
   if (t.kind == core::kTokIdent) return t.name();
   if (const char* kw = core::is_keyword_token(t.kind) ? core::keyword_name(t.kind) : nullptr) return kw;

@@ -43,6 +43,10 @@ void quiet_tokenize(const char* text, std::vector<core::Token>* tokens, std::str
 // Scan one line's text.
 LineScan scan_line(const char* text);
 
+// With t on "(": the token after the matching ")", or null when the line
+// ends first.
+const core::Token* past_parentheses(const core::Token* t);
+
 // Text of a name as the listings show it: keywords by name, identifiers as
 // stored, punctuation as itself.
 std::string token_text(const core::Token& t);

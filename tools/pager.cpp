@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/statements.h"
+#include "tools/help.h"
 #include "host/ui.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
@@ -38,6 +39,20 @@ bool Pager::line(const std::string& text) {
   for (unsigned char c : text) screen::put_char(c);
   if (!screen::at_line_start() || text.empty()) screen::put_char(13);
   return true;
+}
+
+bool Pager::columns(const std::string& label, std::size_t column, const std::string& text) {
+  const unsigned width = width_ > 1 ? width_ - 1 : 1;
+  const std::string wrapped = wrap_text(text, width > column + 8 ? width - static_cast<unsigned>(column) : 8, 0);
+  std::string prefix = column ? pad(label, column) : label;
+  std::size_t pos = 0;
+  for (;;) {
+    const std::size_t nl = wrapped.find('\n', pos);
+    if (!line(prefix + wrapped.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos))) return false;
+    if (nl == std::string::npos) return true;
+    pos = nl + 1;
+    prefix.assign(column, ' ');
+  }
 }
 
 std::string pad(const std::string& s, std::size_t width) {

@@ -14,6 +14,10 @@ class Pager {
   // Print one line (it may wrap at the console's width). False once the
   // user has abandoned the output; callers stop printing then.
   bool line(const std::string& text);
+  // `text` wrapped between words into the console width right of `column`;
+  // the first line starts with `label` padded to the column, the others with
+  // blanks. False once the output was abandoned.
+  bool columns(const std::string& label, std::size_t column, const std::string& text);
   bool stopped() const { return stopped_; }
 
  private:

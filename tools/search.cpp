@@ -170,23 +170,6 @@ bool option_word(const char* statement, const char* word) {
   return std::strcmp(word, "OFF") == 0;  // TIMER(n) OFF and friends
 }
 
-void print_uses(Pager& out, const std::string& name, const std::vector<std::uint32_t>& lines) {
-  const unsigned width = screen::text_columns() > 1 ? screen::text_columns() - 1 : 1;
-  std::string numbers;
-  for (std::uint32_t n : lines) numbers += (numbers.empty() ? "" : " ") + std::to_string(n);
-  const unsigned column = 16;
-  const std::string text = wrap_text(numbers, width > column + 8 ? width - column : 8, 0);
-  std::string prefix = pad("  " + name, column);
-  std::size_t pos = 0;
-  for (;;) {
-    const std::size_t nl = text.find('\n', pos);
-    if (!out.line(prefix + text.substr(pos, nl == std::string::npos ? std::string::npos : nl - pos))) return;
-    if (nl == std::string::npos) return;
-    pos = nl + 1;
-    prefix.assign(column, ' ');
-  }
-}
-
 }  // namespace
 
 void cmd_xref(const core::Token*& t) {
@@ -251,8 +234,9 @@ void cmd_xref(const core::Token*& t) {
     for (const auto& [name, lines] : *s.uses) {
       std::string shown = name;
       shown.erase(0, shown.find_first_not_of(' '));
-      print_uses(out, shown, lines);
-      if (out.stopped()) return;
+      std::string numbers;
+      for (std::uint32_t n : lines) numbers += (numbers.empty() ? "" : " ") + std::to_string(n);
+      if (!out.columns("  " + shown, 16, numbers)) return;
     }
   }
 }

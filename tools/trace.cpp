@@ -132,17 +132,9 @@ void stmt_trace(const core::Token*& t) {
     }
     const std::size_t start = t->column;
     ++t;
-    if (t->kind == '(') {
-      int depth = 0;
-      do {
-        if (t->kind == '(') ++depth;
-        else if (t->kind == ')') --depth;
-        ++t;
-      } while (depth > 0 && t->kind != core::kTokEnd);
-      if (depth > 0) {
-        core::raise("Expected )");
-        return;
-      }
+    if (t->kind == '(' && !(t = past_parentheses(t))) {
+      core::raise("Expected )");
+      return;
     }
     if (t->kind == '.' && t[1].kind == core::kTokIdent) t += 2;  // X@.R
     const std::size_t end = t->kind == core::kTokEnd ? std::strlen(text) : t->column;
