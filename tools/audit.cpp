@@ -72,7 +72,9 @@ bool statement_keyword(std::uint8_t k) {
   }
 }
 
-bool is_ident(const Token& t, const char* name) { return t.kind == core::kTokIdent && std::strcmp(t.name(), name) == 0; }
+bool is_ident(const Token& t, const char* name) {
+  return t.kind == core::kTokIdent && std::strcmp(t.name(), name) == 0;
+}
 bool stmt_end(const Token& t) { return t.kind == core::kTokEnd || t.kind == ':' || t.kind == core::KW_ELSE; }
 bool relational(std::uint8_t k) { return k == '=' || k == '<' || k == '>'; }
 // An ELSE that starts a line is a statement of its own (and a syntax error

@@ -122,7 +122,8 @@ void draw(const View& v) {
       if (i == v.line || i == v.selected) fill_row(row, fg, bg);
       const std::string marks = std::string(core::is_breakpoint_line(number) ? "*" : " ") + (i == v.line ? ">" : " ");
       text_at(row, 0, marks, core::is_breakpoint_line(number) ? kBreakFg : fg, bg);
-      text_at(row, 2, std::to_string(number) + " " + std::string(core::line_body(i), core::line_body_length(i)), fg, bg);
+      const std::string body(core::line_body(i), core::line_body_length(i));
+      text_at(row, 2, std::to_string(number) + " " + body, fg, bg);
     }
   }
 

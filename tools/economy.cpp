@@ -32,7 +32,8 @@ std::string count(std::uint64_t n, const char* noun) { return grouped(n) + " " +
 
 std::string percent(std::uint64_t part, std::uint64_t whole) {
   char buf[16];
-  std::snprintf(buf, sizeof buf, "%.1f%%", whole ? 100.0 * static_cast<double>(part) / static_cast<double>(whole) : 0.0);
+  const double share = whole ? 100.0 * static_cast<double>(part) / static_cast<double>(whole) : 0.0;
+  std::snprintf(buf, sizeof buf, "%.1f%%", share);
   return buf;
 }
 
@@ -128,6 +129,8 @@ void stmt_economy(const core::Token*& t) {
   const std::uint64_t arena = static_cast<std::uint64_t>(values::arena.himem - values::arena.lomem);
   const std::uint64_t dead = s.heap > s.live ? s.heap - s.live : 0;
   const std::uint64_t since = values::bytes_since_compaction();
+  // The ring's counter runs on past its 64 entries.
+  const std::uint64_t temps = values::temp_count < values::kTemporaries ? values::temp_count : values::kTemporaries;
 
   const std::string lines[] = {
       "MEMORY ECONOMY",
@@ -137,15 +140,15 @@ void stmt_economy(const core::Token*& t) {
       "Descriptors   : " + grouped(vars) + " of " + grouped(values::kMaxDescriptors) + " (" +
           grouped(std::uint64_t{vars} * values::kDescriptorBytes) + " of " + grouped(values::kDescriptorTableBytes) +
           " bytes)",
-      "Block heap    : " + grouped(h.used) + " bytes in " + count(h.blocks, "block") + "; " + count(h.free_blocks, "free block") +
-          " of " + grouped(h.free_bytes) + " bytes",
+      "Block heap    : " + grouped(h.used) + " bytes in " + count(h.blocks, "block") + "; " +
+          count(h.free_blocks, "free block") + " of " + grouped(h.free_bytes) + " bytes",
       "Fragmentation : " + percent(h.free_bytes, h.used) + " of the block heap is free blocks; largest " +
           grouped(h.largest_free) + " bytes",
       "Free gap      : " + grouped(gap) + " bytes between FREEBOT and FREETOP",
       "String heap   : " + grouped(s.heap) + " bytes; " + grouped(s.live) + " live in " + count(s.strings, "string") +
           " (" + grouped(s.shared) + " shared), " + grouped(dead) + " dead",
-      "Temporaries   : " + grouped(values::temp_count < values::kTemporaries ? values::temp_count : values::kTemporaries) + " of " + std::to_string(values::kTemporaries) +
-          " in the ring; adoption " + (values::adoption_on() ? "on" : "off (after POKE)"),
+      "Temporaries   : " + grouped(temps) + " of " + std::to_string(values::kTemporaries) + " in the ring; adoption " +
+          (values::adoption_on() ? "on" : "off (after POKE)"),
       "Compaction    : " + grouped(since) + " bytes allocated since the last; next at 8 MiB or a gap under 8 MiB" +
           (values::compaction_requested() ? " (requested)" : ""),
   };
