@@ -112,6 +112,8 @@ std::uint32_t rows_for(const char* text, std::size_t n, std::uint32_t width, std
   return rows;
 }
 
+}  // namespace
+
 // The page prompt: false when the listing is abandoned.
 bool page_prompt() {
   screen::put_text("-- more: any key, Esc stops --");
@@ -123,8 +125,6 @@ bool page_prompt() {
   screen::con.col = r.left;
   return got && (k.code & 0xFF) != screen::kKeyEsc;
 }
-
-}  // namespace
 
 void stmt_list(const Token*& t) {
   ++t;
@@ -166,8 +166,17 @@ void stmt_list(const Token*& t) {
       used = 0;
     }
     used += rows;
+    // A line with a breakpoint is listed in the debugger's breakpoint colours.
+    const std::uint32_t fg = screen::con.fg, bg = screen::con.bg;
+    const bool marked = is_breakpoint_line(line_index[index].number);
+    if (marked) {
+      screen::con.fg = kBreakpointFg;
+      screen::con.bg = kBreakpointBg;
+    }
     screen::put_text(head);
     for (std::uint32_t i = 0; i < len; ++i) screen::put_char(static_cast<std::uint8_t>(body[i]));
+    screen::con.fg = fg;
+    screen::con.bg = bg;
     if (!screen::at_line_start()) screen::put_char(13);
   }
 }

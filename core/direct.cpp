@@ -16,6 +16,7 @@
 #include "host/shell.h"
 #include "screen/capture.h"
 #include "screen/console.h"
+#include "tools/tools.h"
 #include "values/rnd.h"
 #include "values/strings.h"
 #include "values/variables.h"
@@ -33,6 +34,7 @@ int depth = 0;
 // program entered from this line may return into it (GOSUB, CONT, RESUME).
 char direct_text[8][260];
 Token direct_tokens[8][kMaxTokens + 1];
+const char* direct_line_text = "";
 
 void store_program_line(const char* p) {
   std::uint32_t number;
@@ -58,6 +60,11 @@ void init_interpreter() {
   install_user_functions();
   jit::install();
   clear_run_state();
+}
+
+const char* current_line_text() {
+  if (exec.line != kDirect && exec.line < program.lines) return line_body(exec.line);
+  return direct_line_text;
 }
 
 bool line_exists(std::uint32_t number) {
@@ -102,15 +109,25 @@ void execute_direct(const char* line) {
   const std::uint8_t capture = screen::con.capture_mode;
   const bool full = screen::con.full_screen_override;
   ++depth;
+  const char* outer_text = direct_line_text;
+  direct_line_text = text;
   const Token* t = tokens;
-  if (t->kind == KW_AUTO || t->kind == KW_BREAK) {
-    // Direct-mode commands: a syntax error inside a program line.
-    if (t->kind == KW_AUTO) stmt_auto(t);
-    else stmt_break(t);
+  Handler command = nullptr;
+  if (t->kind == KW_AUTO) command = stmt_auto;
+  else if (t->kind == KW_BREAK) command = stmt_break;
+  else if (t->kind == KW_RENUM) command = tools::cmd_renum;
+  else if (t->kind == kTokIdent && t[1].kind != '=' && t[1].kind != '(')
+    for (const NamedStatement& n : tools::kDirectNamed)
+      if (std::strcmp(n.name, t->name()) == 0) command = n.fn;
+  if (command) {
+    // Direct-mode commands: inside a program line they are a syntax error
+    // (the keywords) or ordinary names (the identifiers).
+    command(t);
     if (!err.flag && t->kind != kTokEnd) raise("Syntax Error");
   } else {
     execute_direct_tokens(tokens);
   }
+  direct_line_text = outer_text;
   --depth;
   values::statement_boundary();
   if (outermost) {

@@ -27,6 +27,9 @@ extern bool last_run_interrupted;
 void init_interpreter();
 // Execute one typed line (a numbered line is stored, anything else runs).
 void execute_direct(const char* line);
+// The text the executing token array was made from (the direct line, or
+// the current program line's body); token columns are offsets into it.
+const char* current_line_text();
 // Whether a program line with this number is stored.
 bool line_exists(std::uint32_t number);
 

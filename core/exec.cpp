@@ -31,6 +31,9 @@ void (*restore_data)() = nullptr;
 void (*flush_files)() = nullptr;
 void (*reset_graphics_state)() = nullptr;
 bool (*offer_compiled_region)(const Token*& t) = nullptr;
+void (*after_statement)() = nullptr;
+bool (*debugger_hook)(const Token* t) = nullptr;
+bool debug_request = false;
 
 namespace {
 
@@ -383,13 +386,16 @@ void run_loop(const Token* t) {
       }
     }
     exec.stmt = t;
-    if (++exec.counter == 0 && break_pressed()) {
-      if (handle_break(t)) {
-        exec.jumped = false;
-        (void)set_position(exec.next_line, exec.next_token, t);
-        continue;
+    if (++exec.counter == 0) {
+      if (screen::keys.debugger_request.load(std::memory_order_relaxed)) debug_request = true;
+      if (break_pressed()) {
+        if (handle_break(t)) {
+          exec.jumped = false;
+          (void)set_position(exec.next_line, exec.next_token, t);
+          continue;
+        }
+        return;
       }
-      return;
     }
     if (event_pending.load(std::memory_order_relaxed) && event_pending.exchange(0) && dispatch_events(t)) {
       exec.jumped = false;
@@ -400,7 +406,18 @@ void run_loop(const Token* t) {
       if (!next_line(t)) return;
       continue;
     }
-    if (offer_compiled_region && !exec.stepping && offer_compiled_region(t)) {
+    if (debug_request && debugger_hook && exec.line != kDirect) {
+      debug_request = false;
+      if (!debugger_hook(t)) {
+        if (handle_break(t)) {
+          exec.jumped = false;
+          (void)set_position(exec.next_line, exec.next_token, t);
+          continue;
+        }
+        return;
+      }
+    }
+    if (offer_compiled_region && !exec.stepping && !debug_request && offer_compiled_region(t)) {
       values::statement_boundary();
       if (exec.jumped) {
         exec.jumped = false;
@@ -434,6 +451,7 @@ void run_loop(const Token* t) {
     exec.continue_here = false;
     run_statement(t);
     values::statement_boundary();
+    if (after_statement) after_statement();
     if (exec.jumped) {
       exec.jumped = false;
       if (!err.flag || exec.next_line != exec.line) (void)set_position(exec.next_line, exec.next_token, t);
@@ -531,8 +549,9 @@ void run_program(std::uint32_t start_index) {
 }
 
 bool compiled_execution_allowed() {
+  // Watches and the debugger look at every statement: they need the interpreter.
   return !trace_on && breakpoint_count == 0 && on_break_line == 0 && !exec.stepping && exec.if_depth == 0 &&
-         exec.line != kDirect;
+         exec.line != kDirect && !after_statement && !debug_request;
 }
 int gosub_depth() { return gosub_sp; }
 int for_depth() { return for_sp; }
@@ -1272,6 +1291,30 @@ bool timer_switch(const Token*& t, Timer* tm) {
 }
 
 }  // namespace
+
+std::uint32_t* breakpoint_list(int* count) {
+  *count = breakpoint_count;
+  return breakpoints;
+}
+
+bool is_breakpoint_line(std::uint32_t number) { return is_breakpoint(number); }
+
+bool toggle_breakpoint(std::uint32_t number) {
+  for (int i = 0; i < breakpoint_count; ++i)
+    if (breakpoints[i] == number) {
+      breakpoints[i] = breakpoints[--breakpoint_count];
+      return true;
+    }
+  if (breakpoint_count >= kMaxBreakpoints) return fail("Too many breakpoints");
+  breakpoints[breakpoint_count++] = number;
+  return true;
+}
+
+bool paused_line(std::uint32_t* number) {
+  if (!pause.can_continue || pause.line == kDirect || pause.line >= program.lines) return false;
+  *number = line_index[pause.line].number;
+  return true;
+}
 
 void stmt_timer(const Token*& t) {
   t += 2;  // TIMER (

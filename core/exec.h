@@ -58,6 +58,17 @@ void skip_to_line_end(const Token*& t);
 // Token index of t within the current array.
 std::uint32_t token_index(const Token* t);
 
+// Breakpoints (BREAK, the debugger, RENUM): the list is edited in place.
+// LIST and the debugger show breakpoint lines in these colours.
+constexpr std::uint32_t kBreakpointFg = 0xFFFF55, kBreakpointBg = 0xAA0000;
+std::uint32_t* breakpoint_list(int* count);
+bool is_breakpoint_line(std::uint32_t number);
+// Set or clear a breakpoint; false with "Too many breakpoints" when full.
+[[nodiscard]] bool toggle_breakpoint(std::uint32_t number);
+// The line a paused program continues at (its number), or false when CONT
+// is not possible.
+bool paused_line(std::uint32_t* number);
+
 // Esc while a statement waits for input: the program pauses with "Break" at
 // that statement (CONT runs it again).
 void break_at_statement();
@@ -95,6 +106,15 @@ extern void (*restore_data)();
 extern void (*flush_files)();
 // RUN starts with no sprites, bitmaps, VIEW or WINDOW.
 extern void (*reset_graphics_state)();
+
+// Developer tools. after_statement runs after every statement while set
+// (TRACE's watches). debugger_hook is asked before the statement at t while
+// debug_request is set (F12 seen by the break poll, or the debugger's single
+// step); it returns false when the user stopped the program, which then
+// pauses with "Break" as after Esc.
+extern void (*after_statement)();
+extern bool (*debugger_hook)(const Token* t);
+extern bool debug_request;
 
 // Compiled execution: offered the statement at t before it is interpreted
 // (not while single-stepping). It returns true when it ran one or more

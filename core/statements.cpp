@@ -14,6 +14,7 @@
 #include "host/platform.h"
 #include "jit/jit.h"
 #include "net/net.h"
+#include "tools/tools.h"
 #include "values/eval.h"
 
 namespace core {
@@ -99,6 +100,7 @@ constexpr HandlerTable make_table() {
   screen::install_graphics_statements(table);
   table[KW_GET] = stmt_get;
   table[KW_PUT] = stmt_put;
+  tools::install_tool_statements(table);
   return table;
 }
 
@@ -152,6 +154,16 @@ Handler find_named(const char* name) {
 }
 
 }  // namespace
+
+bool is_statement_word(const char* name) { return find_named(name) != nullptr; }
+
+const char* statement_word(int index) {
+  for (const NamedGroup& g : kNamedGroups) {
+    if (index < g.count) return g.rows[index].name;
+    index -= g.count;
+  }
+  return nullptr;
+}
 
 bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' || t->kind == KW_ELSE; }
 

@@ -30,6 +30,12 @@ struct NamedGroup {
 // after it (":" , ELSE or the end). Errors go through the error flag.
 void run_statement(const Token*& t);
 
+// Whether an identifier is a statement word that is not a keyword (ACCEPT,
+// CAPTURE, STATEWRITE, ...).
+bool is_statement_word(const char* name);
+// Those words by index; nullptr past the end.
+const char* statement_word(int index);
+
 // After a statement: only ":", ELSE or the end of the line may follow.
 bool at_statement_end(const Token* t);
 
@@ -81,6 +87,10 @@ void stmt_setvar(const Token*& t);
 
 // A line range as LIST, DELETE, EDIT and TRON take it: n, n-, -n, n-m, ".", ERL.
 bool parse_range(const Token*& t, std::uint32_t* from, std::uint32_t* to, bool* single);
+
+// The page prompt of LIST and the other long listings: waits for a key;
+// false when the user pressed Esc (the listing is abandoned).
+bool page_prompt();
 
 // EDIT asks the Ready loop to edit the line it printed.
 extern bool edit_request;

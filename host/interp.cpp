@@ -18,6 +18,7 @@
 #include "screen/console.h"
 #include "screen/graphics_statements.h"
 #include "screen/lineedit.h"
+#include "tools/tools.h"
 #include "values/arena.h"
 
 namespace host {
@@ -133,6 +134,7 @@ void interpreter_thread() {
   files::install_hooks();
   net::install_hooks();
   screen::install_graphics_hooks();
+  tools::install_hooks();
   // Whatever way this thread ends, open files are closed and nothing written is lost.
   struct CloseFilesAtEnd {
     ~CloseFilesAtEnd() {

@@ -327,7 +327,8 @@ int helper_statement(NativeFrame*, const core::Token* t, int stmt) {
 }
 
 int helper_poll(NativeFrame*) {
-  if (host::stop_requested() || core::event_pending.load(std::memory_order_relaxed) || screen::keys.has_break()) {
+  if (host::stop_requested() || core::event_pending.load(std::memory_order_relaxed) || screen::keys.has_break() ||
+      screen::keys.debugger_request.load(std::memory_order_relaxed)) {
     core::exec.counter = 255;  // the run loop looks at the break key at once
     return 1;
   }

@@ -15,6 +15,7 @@ bool edit_insert_mode = true;
 // The classic assignments, with the commands this system has.
 std::string function_keys[kFunctionKeys] = {"LIST ", "RUN\r", "LOAD\"", "SAVE\"", "CONT\r",
                                             "FILES\r", "TRON\r", "TROFF\r", "KEY ", "CLS\r"};
+void (*debugger_hook)() = nullptr;
 
 namespace {
 
@@ -115,8 +116,8 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
     }
     if (code == kKeyEsc) break;
     if (code == kKeyDebugger) {
-      // The debugger arrives with the developer tools; the request is consumed.
       keys.debugger_request.store(0);
+      if (debugger_hook) debugger_hook();  // it puts the screen back as it was
       continue;
     }
     if (code == kKeyReset) {

@@ -17,6 +17,10 @@ enum : std::uint32_t {
 // window closing; the caller checks the stop flag to tell them apart).
 int line_edit(char* buf, int cap, std::uint32_t flags);
 
+// F12 while the editor waits opens the debugger (developer tools) through
+// this hook; null until the tools are installed.
+extern void (*debugger_hook)();
+
 // Insert/overwrite mode persists between inputs; insert is the default.
 extern bool edit_insert_mode;
 

@@ -21,6 +21,7 @@
 #include "screen/keyqueue.h"
 #include "screen/screen_statements.h"
 #include "screen/snapshot.h"
+#include "tools/tools.h"
 #include "values/arena.h"
 #include "values/arrays.h"
 #include "values/hyper.h"
@@ -753,6 +754,7 @@ const BuiltinGroup kGroups[] = {
     {screen::kGraphicsFunctions, screen::kGraphicsFunctionCount},
     files::file_builtins(),
     net::net_builtins(),
+    tools::tool_builtins(),
 };
 
 }  // namespace
@@ -803,6 +805,11 @@ int find_pseudo(const char* name) {
   for (std::size_t i = 0; i < sizeof kPseudo / sizeof kPseudo[0]; ++i)
     if (std::strcmp(kPseudo[i], name) == 0) return static_cast<int>(i);
   return -1;
+}
+
+const char* pseudo_name(int index) {
+  constexpr int n = static_cast<int>(sizeof kPseudo / sizeof kPseudo[0]);
+  return index >= 0 && index < n ? kPseudo[index] : nullptr;
 }
 
 bool pseudo_value(int index, const Token*& t, Value* out) {

@@ -34,6 +34,8 @@ int find_builtin(const char* name);
 // Index of a pseudo-variable (TIMER, ERR, FREETOP, ...), or -1.
 int find_pseudo(const char* name);
 [[nodiscard]] bool pseudo_value(int index, const Token*& t, Value* out);
+// The pseudo-variable names by index; nullptr past the end.
+const char* pseudo_name(int index);
 
 // EVAL's nesting depth (16 at most).
 extern int eval_depth;

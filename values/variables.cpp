@@ -53,6 +53,13 @@ bool is_word(char c) { return is_letter(c) || (c >= '0' && c <= '9') || c == '_'
 
 }  // namespace
 
+const char* function_name(int index) {
+  constexpr int n = static_cast<int>(sizeof kFunctionNames / sizeof kFunctionNames[0]);
+  return index >= 0 && index < n ? kFunctionNames[index] : nullptr;
+}
+
+const char* read_only_name(int index) { return index >= 0 && index < 24 ? kReadOnly[index] : nullptr; }
+
 Descriptor* descriptor_table() { return reinterpret_cast<Descriptor*>(arena.lomem); }
 std::uint32_t descriptor_count() { return count; }
 std::uint32_t table_generation() { return table_gen; }

@@ -39,6 +39,9 @@ std::size_t base_length(const char* name);
 [[nodiscard]] bool check_identifier(const char* text, std::size_t length, char out[40]);
 bool is_read_only_name(const char* name);      // the 24 pseudo-variables, exactly as written
 bool is_function_name(const char* name);       // by base name: cannot be an array
+// The built-in function names and the read-only names, by index; nullptr past the end.
+const char* function_name(int index);
+const char* read_only_name(int index);
 
 Descriptor* find_descriptor(const char* name, bool array, std::uint8_t type);
 // Appends a zeroed descriptor; "Illegal function call" for ERROR$, "Too many variables" when full.
