@@ -93,20 +93,21 @@ void refresh_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_
   fb.changed.store(1);
 }
 
+// Every write goes to both buffers, so outside the sprites the logical
+// framebuffer always equals the back buffer: only the parts of the dirty
+// area that sprites cover need to be copied and drawn again. A line across
+// the screen under one small sprite costs that sprite, not the line's box.
 void settle_frame() {
   if (!sprites_active()) return;
-  switch (fb.dirty.load(std::memory_order_relaxed)) {
-    case kDirtyNone:
-      return;
-    case kDirtyRect: {
-      const std::uint32_t* r = fb.dirty_rect;
-      refresh_rect(r[0], r[1], r[2], r[3]);
-      fb.dirty.store(kDirtyNone);
-      return;
-    }
-    default:
-      refresh_all();
+  const std::uint8_t state = fb.dirty.load(std::memory_order_relaxed);
+  if (state == kDirtyNone) return;
+  if (state == kDirtyRect) {
+    const std::uint32_t* r = fb.dirty_rect;
+    recompose_sprites_in(r[0], r[1], r[2], r[3]);
+  } else {
+    recompose_sprites_in(0, 0, fb.width, fb.height);
   }
+  fb.dirty.store(kDirtyNone);
 }
 
 bool colour_from_number(std::int64_t n, std::uint32_t* rgb) {

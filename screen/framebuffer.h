@@ -76,8 +76,9 @@ inline void mark_rect(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::in
 }
 inline void mark_written(std::uint32_t x, std::uint32_t y) { mark_rect(x, y, std::int64_t{x} + 1, std::int64_t{y} + 1); }
 
-// After drawing: while sprites are shown, refresh what was written from the
-// back buffer and draw the sprites over it again; the dirty state is reset.
+// After drawing: while sprites are shown, refresh the written pixels that
+// sprites cover from the back buffer and draw the sprites over them again;
+// the dirty state is reset.
 void settle_frame();
 
 // Copy the back buffer over the logical framebuffer (whole frame or a

@@ -148,6 +148,15 @@ void compose_sprites(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int
   }
 }
 
+void recompose_sprites_in(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1) {
+  const Area r{x0, y0, x1, y1};
+  for (const int n : shown_list) {
+    const Area a = area_of(*table[n]);
+    if (overlap(a, r))
+      refresh({std::max(a.x0, r.x0), std::max(a.y0, r.y0), std::min(a.x1, r.x1), std::min(a.y1, r.y1)});
+  }
+}
+
 void reset_sprites() {
   std::vector<Area> gone;
   for (const int n : shown_list) gone.push_back(area_of(*table[n]));

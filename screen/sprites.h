@@ -18,6 +18,10 @@ constexpr int kMaxSprites = 1024;
 // exclusive, right after the rectangle was copied from the back buffer.
 void compose_sprites(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1);
 
+// Refresh from the back buffer, and draw the sprites over, the parts of
+// x0..x1-1, y0..y1-1 that shown sprites cover.
+void recompose_sprites_in(std::int64_t x0, std::int64_t y0, std::int64_t x1, std::int64_t y1);
+
 // Delete every sprite and take them off the screen (SPRITEOFF, start-up, RUN).
 void reset_sprites();
 

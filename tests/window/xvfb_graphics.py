@@ -15,7 +15,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from xvfb_banner import find_window, free_display, read_xwd  # noqa: E402
+from xvfb_banner import find_window, read_xwd  # noqa: E402
 
 PROGRAM = """\
 10 CLS 0
@@ -24,11 +24,29 @@ PROGRAM = """\
 40 CIRCLE (400, 150), 50, 14: PAINT (400, 150), 2, 14
 50 LINE (600, 100)-(700, 200), 9, B
 60 LINE (0, 0)-(31, 31), 14, BF: SPRITE GET 1, (0, 0)-(31, 31), -1: LINE (0, 0)-(31, 31), 0, BF
-70 FOR X = 50 TO 850 STEP 4: SPRITE 1, X, 384: WAITREL 10: NEXT
+70 FOR X = 50 TO 850 STEP 4: SPRITE 1, X, 384: WAITREL 20: NEXT
 80 WAITREL 100: GOTO 80
 """
 
 YELLOW, GREY, RED, GREEN, BLUE = 0xFFFF55, 0x555555, 0xAA0000, 0x00AA00, 0x5555FF
+
+
+def start_xvfb():
+    """A virtual X server on a display it picks itself (no race with other
+    tests starting servers at the same time); the server and its display."""
+    r, w = os.pipe()
+    xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(w), "-screen", "0", "1280x1024x24", "-nolisten", "tcp"],
+                            pass_fds=(w,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    os.close(w)
+    number = b""
+    with os.fdopen(r, "rb") as f:
+        while not number.endswith(b"\n"):
+            c = f.read(1)
+            if not c:
+                xvfb.kill()
+                sys.exit("Xvfb did not start")
+            number += c
+    return xvfb, ":" + number.decode().strip()
 
 
 def main():
@@ -37,11 +55,9 @@ def main():
     ap.add_argument("--runner", default="")
     ap.add_argument("--timeout", type=float, default=90)
     a = ap.parse_args()
-    n = free_display()
-    env = dict(os.environ, DISPLAY=":%d" % n, SDL_VIDEODRIVER="x11", SDL_AUDIODRIVER="dummy")
+    xvfb, display = start_xvfb()
+    env = dict(os.environ, DISPLAY=display, SDL_VIDEODRIVER="x11", SDL_AUDIODRIVER="dummy")
     env.setdefault("WINEDEBUG", "-all")
-    xvfb = subprocess.Popen(["Xvfb", ":%d" % n, "-screen", "0", "1280x1024x24", "-nolisten", "tcp"],
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     app = None
     failures = []
     with tempfile.TemporaryDirectory(prefix="tambril-xvfb-") as scratch:
