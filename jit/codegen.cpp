@@ -48,6 +48,7 @@ bool produces_value(std::uint8_t op) {
     case OP_STATEMENT: case OP_DISCARD: case OP_JUMP: case OP_BRANCH_FALSE: case OP_FOR: case OP_NEXT:
     case OP_GOTO_LOCAL: case OP_GOTO_LINE: case OP_GOSUB_LOCAL: case OP_GOSUB_LINE: case OP_RETURN:
     case OP_FALLBACK: case OP_END: case OP_PRINT: case OP_LOCATE: case OP_COLOR: case OP_STORE_ELEM:
+    case OP_PSET: case OP_LINE:
       return false;
     default:
       return true;
@@ -957,6 +958,8 @@ bool Gen::instruction(int i) {
     case OP_PRINT:
     case OP_LOCATE:
     case OP_COLOR:
+    case OP_PSET:
+    case OP_LINE:
       call(reinterpret_cast<const void*>(&helper_statement), 0, static_cast<std::int64_t>(in.operand), stmt_, 3);
       a.test(RAX, RAX);
       a.jcc(E, error_stub(kMsgNone));

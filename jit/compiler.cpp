@@ -788,6 +788,11 @@ Result Compiler::statement(const Token*& t) {
     case core::KW_PRINT: r = helper_statement(t, OP_PRINT); break;
     case core::KW_LOCATE: r = helper_statement(t, OP_LOCATE); break;
     case core::KW_COLOR: r = helper_statement(t, OP_COLOR); break;
+    // Drawing runs through the graphics statements themselves, so a drawing
+    // loop stays native around them.
+    case core::KW_PSET:
+    case core::KW_PRESET: r = helper_statement(t, OP_PSET); break;
+    case core::KW_LINE: r = t[1].kind == core::KW_INPUT ? Result::Fallback : helper_statement(t, OP_LINE); break;
     default: r = Result::Fallback; break;
   }
   if (r == Result::Ok && bad) r = Result::Fallback;
