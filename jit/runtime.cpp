@@ -36,7 +36,9 @@ struct Region {
 
 bool jit_on = true;
 std::uint32_t epoch = 1;
-std::vector<Region*> regions;
+// Never destroyed: the interpreter thread may still be inside native code
+// while the process exits, so nothing here is freed behind its back.
+std::vector<Region*>& regions = *new std::vector<Region*>;
 std::uint32_t regions_mode = 0;
 constexpr std::uint64_t kNotCompilable = 1;
 constexpr int kMaxNesting = 8;
