@@ -33,7 +33,7 @@ namespace {
 constexpr std::uint64_t kDataArenaBytes = 32ull << 20;
 // An input that runs longer than this is stopped as the window closing
 // would stop it (endless loops are legal BASIC).
-constexpr std::int64_t kBudgetMs = 1000;
+constexpr std::int64_t kBudgetMs = 250;
 
 std::string scratch;
 std::atomic<std::int64_t> deadline{INT64_MAX};
