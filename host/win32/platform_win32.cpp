@@ -177,9 +177,8 @@ std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Sha
                                                 : _SH_DENYNO;
   std::FILE* f = _wfsopen(wide(cp437_to_utf8(cp437_name)).c_str(), std::wstring(m.begin(), m.end()).c_str(), flag);
   if (!f) {
-    unsigned long os_error = 0;
-    _get_doserrno(&os_error);
-    *fault = fault_from_error(static_cast<DWORD>(os_error));
+    // The runtime's CreateFile left its reason (a sharing violation above all).
+    *fault = fault_from_error(GetLastError());
     if (*fault == FileFault::none || *fault == FileFault::other) *fault = FileFault::denied;
   }
   return f;
