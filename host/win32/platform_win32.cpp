@@ -184,6 +184,9 @@ std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Sha
   return f;
 }
 
+// The sharing mode and the record locks belong to the handle: fclose ends them.
+void release_sharing(std::FILE*) {}
+
 bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock) {
   if (std::fflush(f) != 0) return false;
   const HANDLE h = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(f)));
