@@ -69,6 +69,10 @@ void setup() {
   if (!dir) dir = mkdtemp(tmp);
   if (!dir || chdir(dir) != 0 || !host::confine_files(dir)) std::abort();
   scratch = dir;
+  std::atexit([] {
+    nftw(scratch.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    (void)rmdir(scratch.c_str());
+  });
   host::shell.program_arena = static_cast<std::uint8_t*>(host::reserve_memory(host::kProgramArenaBytes));
   host::shell.data_arena = static_cast<std::uint8_t*>(host::reserve_memory(kDataArenaBytes));
   host::shell.data_pages = kDataArenaBytes >> 12;
