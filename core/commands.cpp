@@ -9,6 +9,7 @@
 #include "core/keywords.h"
 #include "core/program.h"
 #include "core/statements.h"
+#include "host/shell.h"
 #include "host/ui.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
@@ -155,7 +156,7 @@ void stmt_list(const Token*& t) {
   page = page > reserve + 1 ? page - reserve : 1;
   std::uint32_t used = 0;
   for (; index < program.lines && line_index[index].number <= to; ++index) {
-    if (screen::keys.take_break()) break;
+    if (screen::keys.take_break() || host::stop_requested()) break;  // Esc, or the window closing
     char head[16];
     const int hn = std::snprintf(head, sizeof head, "%u ", line_index[index].number);
     const char* body = line_body(index);

@@ -332,7 +332,7 @@ void store_all(std::vector<PendingLine>& lines, const std::string& pool) {
     i = last + 1;
   }
   for (; old < program.lines; ++old) put(line_index[old].number, line_body(old), line_body_length(old));
-  std::memcpy(program.base, image.data(), image.size());
+  if (!image.empty()) std::memcpy(program.base, image.data(), image.size());
   program.end = program.base + image.size();
   program.lines = static_cast<std::uint32_t>(numbers.size());
   for (std::uint32_t i = 0; i < program.lines; ++i) line_index[i] = {numbers[i], program.base + offsets[i], nullptr, 0};

@@ -226,8 +226,8 @@ void stmt_name(const Token*& t) {
   (void)report(host::rename_file(from, to));
 }
 
-// FILES [pattern$] (DIR is the same statement): one entry a line, sizes for
-// files, <DIR> for directories.
+// FILES [pattern$] (DIR is the same statement): the directory, then one
+// entry a line, sizes for files, <DIR> for directories.
 void stmt_files(const Token*& t) {
   ++t;
   Pattern p{"", "*"};
@@ -242,6 +242,16 @@ void stmt_files(const Token*& t) {
     core::raise("File not found");
     return;
   }
+  // The directory first, as the classic FILES prints it: in the window the
+  // current directory is the temporary one, and this line shows where a
+  // SAVE without a path goes.
+  std::string where = p.dir;
+  if (where.empty() || !host::is_absolute_path(where)) {
+    std::string cwd = host::current_directory_cp437();
+    if (!cwd.empty() && cwd.back() != host::path_separator() && !where.empty()) cwd += host::path_separator();
+    where = cwd + where;
+  }
+  screen::put_line(where.c_str());
   for (const host::DirEntry& e : list) {
     char line[64];
     if (e.directory) std::snprintf(line, sizeof line, " <DIR>");

@@ -154,6 +154,7 @@ bool open_file(std::int64_t n, std::uint8_t mode, const std::string& name, std::
   if (mode == kRandom) s->record = static_cast<char*>(std::calloc(reclen, 1));
   else s->buf = static_cast<char*>(std::malloc(kBufferBytes));
   if (!s->record && !s->buf) {
+    host::release_sharing(f);
     std::fclose(f);
     return fail("Out of memory");
   }
@@ -175,6 +176,7 @@ bool close_file(std::int64_t n) {
   if (s->mode == kClosed) return true;
   bool ok = s->mode == kInput || flush_output(*s);
   ok = !s->write_failed && ok;
+  host::release_sharing(s->f);
   if (std::fclose(s->f) != 0) ok = false;
   std::free(s->buf);
   if (s->record) {

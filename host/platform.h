@@ -77,6 +77,9 @@ std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Sha
 // LOCK and UNLOCK: a byte range of an open file for this process alone;
 // false when another holder's range overlaps (or, unlocking, no such range).
 bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock);
+// Before fclose of a stream from open_file_shared: its sharing and record
+// locks end.
+void release_sharing(std::FILE* f);
 FileFault make_directory(const std::string& cp437_name);
 FileFault remove_directory(const std::string& cp437_name);
 FileFault change_directory(const std::string& cp437_name);

@@ -5,6 +5,7 @@
 
 #include "screen/lineedit.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "host/platform.h"
@@ -77,8 +78,30 @@ void put_cell(std::uint32_t row, std::uint32_t col, std::uint8_t ch) {
   }
 }
 
+// A row of blanks: the blank glyph has no set pixels, so its cells are
+// filled with the background directly (form feeds and CLS clear whole
+// regions, and drawing them glyph by glyph made a page of form feeds slow).
 static void fill_row(std::uint32_t row, const Region& r) {
-  for (std::uint32_t c = r.left; c <= r.right; ++c) put_cell(row, c, ' ');
+  for (std::uint32_t c = r.left; c <= r.right && c < static_cast<std::uint32_t>(kMaxCols); ++c) {
+    if (row < kMaxRows) {
+      con.cells[row][c] = ' ';
+      con.cell_colours[row][c] = con.fg;
+    }
+  }
+  if (!fb.front) return;
+  const std::uint64_t x0 = static_cast<std::uint64_t>(r.left) * 8;
+  std::uint64_t x1 = (static_cast<std::uint64_t>(r.right) + 1) * 8;
+  if (x1 > fb.width) x1 = fb.width;
+  if (x0 >= x1) return;
+  for (std::uint64_t py = static_cast<std::uint64_t>(row) * 16; py < (static_cast<std::uint64_t>(row) + 1) * 16; ++py) {
+    if (py >= fb.height) {
+      fb.dirty.store(kDirtyAll, std::memory_order_relaxed);  // part of the row is outside the frame
+      break;
+    }
+    std::fill(fb.front + py * fb.pitch + x0, fb.front + py * fb.pitch + x1, con.bg);
+    std::fill(fb.back + py * fb.pitch + x0, fb.back + py * fb.pitch + x1, con.bg);
+  }
+  mark_written(static_cast<std::uint32_t>(x0), row * 16);
 }
 
 void clear_region() {

@@ -246,6 +246,35 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
   return std::fopen(path.c_str(), mode);
 }
 
+// Linux has no sharing modes; they are built from open-file-description
+// locks on two bytes far past any real data, which every Tambril program
+// honours: an opener takes a shared lock on the "readers" byte when it reads
+// and on the "writers" byte when it writes; denying reading or writing takes
+// that byte exclusively. So a denial refuses later openers, and cannot be had
+// while someone already uses the right, as on Windows. The locks live on a
+// second descriptor of the file opened for reading and writing (a lock's kind
+// needs that access), kept beside the stream until release_sharing. Record
+// locks (LOCK) go there too, so closing one file number never drops the
+// locks another holds on the same file.
+static constexpr off_t kReadersByte = static_cast<off_t>(0x7FFFFFFFFFFFFF00LL);
+static constexpr off_t kWritersByte = kReadersByte + 1;
+static std::vector<std::pair<std::FILE*, int>> lock_descriptors;
+
+static bool ofd_lock(int fd, off_t start, off_t length, short type) {
+  struct flock fl {};
+  fl.l_type = type;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = start;
+  fl.l_len = length;
+  return fcntl(fd, F_OFD_SETLK, &fl) == 0;
+}
+
+static int lock_descriptor(std::FILE* f) {
+  for (const auto& e : lock_descriptors)
+    if (e.first == f) return e.second;
+  return -1;
+}
+
 std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Share share, FileFault* fault) {
   *fault = FileFault::none;
   std::FILE* f = open_file(cp437_name, mode);
@@ -253,24 +282,42 @@ std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Sha
     *fault = errno == ENOENT ? FileFault::not_found : errno == ENOTDIR ? FileFault::path_not_found : FileFault::denied;
     return nullptr;
   }
-  // Linux has no sharing modes: every open takes an advisory whole-file lock,
-  // shared for SHARED (and no clause), exclusive for any LOCK clause, so that
-  // the clauses refuse each other between programs as they do on Windows.
-  if (flock(fileno(f), (share == Share::all ? LOCK_SH : LOCK_EX) | LOCK_NB) != 0) {
+  const std::string m(mode);
+  const bool reads = m[0] == 'r' || m.find('+') != std::string::npos;
+  const bool writes = m[0] != 'r' || m.find('+') != std::string::npos;
+  const bool deny_read = share == Share::deny_read || share == Share::deny_both;
+  const bool deny_write = share == Share::deny_write || share == Share::deny_both;
+  // The same file, not the same name: /proc/self/fd follows the open stream.
+  const std::string self = "/proc/self/fd/" + std::to_string(fileno(f));
+  int fd = open(self.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0) fd = open(self.c_str(), (writes ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+  if (fd < 0) return f;  // no second descriptor: the file is opened unshared-checked
+  const bool ok = (!(reads || deny_read) || ofd_lock(fd, kReadersByte, 1, deny_read ? F_WRLCK : F_RDLCK)) &&
+                  (!(writes || deny_write) || ofd_lock(fd, kWritersByte, 1, deny_write ? F_WRLCK : F_RDLCK));
+  if (!ok) {
+    close(fd);  // its locks go with it
     std::fclose(f);
     *fault = FileFault::in_use;
     return nullptr;
   }
+  lock_descriptors.emplace_back(f, fd);
   return f;
 }
 
+void release_sharing(std::FILE* f) {
+  for (auto it = lock_descriptors.begin(); it != lock_descriptors.end(); ++it) {
+    if (it->first != f) continue;
+    close(it->second);
+    lock_descriptors.erase(it);
+    return;
+  }
+}
+
 bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock) {
-  struct flock fl {};
-  fl.l_type = lock ? F_WRLCK : F_UNLCK;
-  fl.l_whence = SEEK_SET;
-  fl.l_start = static_cast<off_t>(start);
-  fl.l_len = static_cast<off_t>(length);
-  return fcntl(fileno(f), F_SETLK, &fl) == 0;
+  const int fd = lock_descriptor(f);
+  if (fd < 0) return false;
+  if (start + length > static_cast<std::int64_t>(kReadersByte)) length = kReadersByte - start;
+  return ofd_lock(fd, static_cast<off_t>(start), static_cast<off_t>(length), lock ? F_WRLCK : F_UNLCK);
 }
 
 // --- files and directories --------------------------------------------------

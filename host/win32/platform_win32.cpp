@@ -192,13 +192,15 @@ std::FILE* open_file_shared(const std::string& cp437_name, const char* mode, Sha
                                                 : _SH_DENYNO;
   std::FILE* f = _wfsopen(wide(cp437_to_utf8(cp437_name)).c_str(), std::wstring(m.begin(), m.end()).c_str(), flag);
   if (!f) {
-    // The static CRT of mingw-w64 has no _get_doserrno; the failed open
-    // leaves the system's reason as the thread's last error.
+    // The runtime's CreateFile left its reason (a sharing violation above all).
     *fault = fault_from_error(GetLastError());
     if (*fault == FileFault::none || *fault == FileFault::other) *fault = FileFault::denied;
   }
   return f;
 }
+
+// The sharing mode and the record locks belong to the handle: fclose ends them.
+void release_sharing(std::FILE*) {}
 
 bool lock_range(std::FILE* f, std::int64_t start, std::int64_t length, bool lock) {
   if (std::fflush(f) != 0) return false;

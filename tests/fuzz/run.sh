@@ -30,7 +30,7 @@ for t in "${targets[@]}"; do
     echo "fuzz/$t: ${seconds}s, $runs executions, $rate exec/s, 0 crashes"
   else
     echo "fuzz/$t: FAILED; input kept in $work/$t/artifacts/"
-    grep -A40 -m1 'ERROR\|runtime error\|deadly signal\|timeout' "$work/$t.log" | head -60
+    grep -E -A40 -m1 '^==[0-9]+==|runtime error:|ERROR: libFuzzer|deadly signal' "$work/$t.log" | head -60
     status=1
   fi
 done
