@@ -7,7 +7,14 @@
 // RDX, XMM0 and XMM1 are scratch. Helper calls spill the live slots to the
 // frame and reload them afterwards. Checks that fail jump to cold stubs at
 // the end of the code, which record the statement and leave.
+//
+// Innermost loops also keep their scalars in registers: the slot registers
+// the loop's expressions never reach, and XMM11-XMM15. Every store still
+// goes to memory as well (write-through), so exits, errors and helpers see
+// current values and only the loop's own reads come from registers; what a
+// helper call clobbers is reloaded after it.
 #include <cstddef>
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -75,6 +82,49 @@ class Gen {
   std::vector<bool> skip_;    // fused into the previous instruction
   ValType info_result_;       // the result type of the instruction in hand
 
+  // A scalar kept in a register through an innermost loop.
+  struct Cached {
+    const values::Descriptor* d;
+    std::uint8_t type;
+    std::uint8_t reg;  // a Reg for integer types, an Xmm for SINGLE and DOUBLE
+    int uses;
+  };
+  struct Loop {
+    int head, tail;
+    std::vector<Cached> vars;
+  };
+  std::vector<Loop> loops_;
+  std::vector<int> loop_head_;       // per instruction: the loop starting there, or -1
+  const Loop* in_loop_ = nullptr;    // the loop whose body is being generated
+
+  void plan_loops();
+  const Cached* cached(const values::Descriptor* d) const {
+    if (!in_loop_) return nullptr;
+    for (const Cached& c : in_loop_->vars)
+      if (c.d == d) return &c;
+    return nullptr;
+  }
+  void load_cache() {
+    if (!in_loop_) return;
+    for (const Cached& c : in_loop_->vars) {
+      const Mem m = var(c.d);
+      switch (c.type) {
+        case values::kInteger: a.load_s16(static_cast<Reg>(c.reg), m); break;
+        case values::kLong: a.load_s32(static_cast<Reg>(c.reg), m); break;
+        case values::kInt64: a.load64(static_cast<Reg>(c.reg), m); break;
+        case values::kSingle: a.movss(static_cast<Xmm>(c.reg), m); break;
+        default: a.movsd(static_cast<Xmm>(c.reg), m); break;
+      }
+    }
+  }
+  // After a store of `type` whose value is in register r: the cached copy.
+  void update_cache(const values::Descriptor* d, int r) {
+    const Cached* c = cached(d);
+    if (!c) return;
+    if (values::is_integer_type(c->type)) a.mov(static_cast<Reg>(c->reg), static_cast<Reg>(r));
+    else a.movapd(static_cast<Xmm>(c->reg), static_cast<Xmm>(r));
+  }
+
   Reg g(int d) const { return GPR_SLOT[d]; }
   Xmm x(int d) const { return XMM_SLOT[d]; }
   const InstrInfo& info(int i) const { return rc_.info[static_cast<std::size_t>(i)]; }
@@ -138,6 +188,7 @@ class Gen {
     a.mov_imm(RAX, reinterpret_cast<std::int64_t>(fn));
     a.call(RAX);
     reload(live);
+    load_cache();
   }
   // A slot's value into tmp[k] as a value record of its static type.
   void to_tmp(int k, int d) {
@@ -187,8 +238,9 @@ class Gen {
     a.alu(Assembler::CMP, RAX, RCX);
     a.jcc(E, error_stub(kMsgOverflow));
   }
-  // Store the value in slot d into a typed slot at m (the store rule).
-  void store_to(int d, std::uint8_t type, const Mem& m, int live) {
+  // Store the value in slot d into a typed slot at m (the store rule). The
+  // register that held the stored value (a Reg or an Xmm by type) is returned.
+  int store_to(int d, std::uint8_t type, const Mem& m, int live) {
     const ValType& v = st_[static_cast<std::size_t>(d)];
     if (values::is_integer_type(type)) {
       Reg r = g(d);
@@ -218,11 +270,11 @@ class Gen {
       } else {
         a.store64(m, r);
       }
-      return;
+      return r;
     }
     if (type == values::kSingle && v.type == values::kSingle) {
       a.movss(m, x(d));
-      return;
+      return x(d);
     }
     to_double(X0, d);
     if (type == values::kSingle) {
@@ -239,6 +291,7 @@ class Gen {
     } else {
       a.movsd(m, X0);
     }
+    return X0;
   }
   void load_from(int d, std::uint8_t type, const Mem& m) {
     switch (type) {
@@ -313,6 +366,12 @@ class Gen {
     a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
     a.call(RAX);
     a.test(RAX, RAX);
+    if (in_loop_) {
+      a.jcc(NE, exit_stub(target_stmt, kTransferResume));
+      load_cache();
+      a.jmp(labels_[static_cast<std::size_t>(target)]);
+      return;
+    }
     a.jcc(E, labels_[static_cast<std::size_t>(target)]);
     a.jmp(exit_stub(target_stmt, kTransferResume));
   }
@@ -365,6 +424,7 @@ class Gen {
   void arith(std::uint8_t op, int d);
   void for_entry(int i, int d);
   void next(int i);
+  bool divide_by_constant(int i, std::uint8_t op, int d);
 };
 
 void Gen::prologue() {
@@ -595,6 +655,39 @@ void Gen::arith(std::uint8_t op, int d) {
   from_tmp(da, info_result_);
 }
 
+// Integer \ and MOD by a constant of at least 2 (pushed just before): a
+// multiply by the divisor's magic number instead of IDIV, which costs tens
+// of cycles. Truncates toward zero like IDIV; the remainder takes the
+// dividend's sign.
+bool Gen::divide_by_constant(int i, std::uint8_t op, int d) {
+  const int da = d - 2, db = d - 1;
+  if (i == 0 || ins(i - 1).op != OP_PUSH_CONST || ins(i - 1).type > values::kInt64) return false;
+  if (!st_[static_cast<std::size_t>(da)].is_int() || !st_[static_cast<std::size_t>(db)].is_int()) return false;
+  const std::int64_t divisor = static_cast<std::int64_t>(ins(i - 1).operand);
+  if (divisor < 2) return false;
+  const DivMagic m = div_magic(divisor);
+  const Reg n = g(da);
+  a.mov_imm(RAX, m.magic);
+  a.imul_wide(n);
+  if (m.magic < 0) a.alu(Assembler::ADD, RDX, n);
+  if (m.shift > 0) a.sar_imm(RDX, static_cast<std::uint8_t>(m.shift));
+  a.mov(RAX, n);
+  a.shr_imm(RAX, 63);
+  a.alu(Assembler::ADD, RDX, RAX);  // the quotient
+  if (op == OP_IDIV) {
+    a.mov(n, RDX);
+    return true;
+  }
+  if (divisor <= 0x7FFFFFFF) {
+    a.imul_imm(RDX, RDX, static_cast<std::int32_t>(divisor));
+  } else {
+    a.mov_imm(RAX, divisor);
+    a.imul(RDX, RAX);
+  }
+  a.alu(Assembler::SUB, n, RDX);
+  return true;
+}
+
 void Gen::for_entry(int i, int d) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
@@ -709,11 +802,16 @@ void Gen::next(int i) {
       a.jcc(sign > 0 ? A : B, done);
     }
   };
+  const Cached* c = cached(f.d);
   if (values::is_integer_type(f.var_type)) {
-    switch (f.var_type) {
-      case values::kInteger: a.load_s16(RAX, v); break;
-      case values::kLong: a.load_s32(RAX, v); break;
-      default: a.load64(RAX, v); break;
+    if (c) {
+      a.mov(RAX, static_cast<Reg>(c->reg));
+    } else {
+      switch (f.var_type) {
+        case values::kInteger: a.load_s16(RAX, v); break;
+        case values::kLong: a.load_s32(RAX, v); break;
+        default: a.load64(RAX, v); break;
+      }
     }
     a.alu(Assembler::ADD, RAX, mem(R12, o_step_i));
     a.jcc(O, error_stub(kMsgOverflow));
@@ -730,8 +828,11 @@ void Gen::next(int i) {
     } else {
       a.store64(v, RAX);
     }
+    update_cache(f.d, RAX);
   } else {
-    if (f.var_type == values::kSingle) a.cvtss2sd(X0, v);
+    if (c && f.var_type == values::kSingle) a.cvtss2sd(X0, static_cast<Xmm>(c->reg));
+    else if (c) a.movapd(X0, static_cast<Xmm>(c->reg));
+    else if (f.var_type == values::kSingle) a.cvtss2sd(X0, v);
     else a.movsd(X0, v);
     a.addsd(X0, mem(R12, o_step_d));
     if (f.var_type == values::kSingle) {
@@ -742,8 +843,10 @@ void Gen::next(int i) {
     if (f.var_type == values::kSingle) {
       a.cvtsd2ss(X1, X0);
       a.movss(v, X1);
+      update_cache(f.d, X1);
     } else {
       a.movsd(v, X0);
+      update_cache(f.d, X0);
     }
   }
   if (f.step_const) {
@@ -802,7 +905,14 @@ bool Gen::instruction(int i) {
         a.movq(x(d), RAX);
       }
       break;
-    case OP_PUSH_VAR: load_from(d, in.type, var(info(i).d)); break;
+    case OP_PUSH_VAR:
+      if (const Cached* c = cached(info(i).d)) {
+        if (values::is_integer_type(c->type)) a.mov(g(d), static_cast<Reg>(c->reg));
+        else a.movapd(x(d), static_cast<Xmm>(c->reg));
+      } else {
+        load_from(d, in.type, var(info(i).d));
+      }
+      break;
     case OP_NEG:
       if (st_[static_cast<std::size_t>(d - 1)].is_int()) {
         a.neg(g(d - 1));
@@ -828,7 +938,10 @@ bool Gen::instruction(int i) {
         from_tmp(d - 1, info_result_);
       }
       break;
-    case OP_ADD: case OP_SUB: case OP_MUL: case OP_DIV: case OP_IDIV: case OP_MOD: case OP_POW:
+    case OP_IDIV: case OP_MOD:
+      if (!divide_by_constant(i, in.op, d)) arith(in.op, d);
+      break;
+    case OP_ADD: case OP_SUB: case OP_MUL: case OP_DIV: case OP_POW:
     case OP_AND: case OP_OR: case OP_XOR: case OP_EQV: case OP_IMP:
       arith(in.op, d);
       break;
@@ -876,7 +989,7 @@ bool Gen::instruction(int i) {
       from_tmp(d - 1, info_result_);
       break;
     }
-    case OP_STORE_VAR: store_to(d - 1, in.type, var(info(i).d), d - 1); break;
+    case OP_STORE_VAR: update_cache(info(i).d, store_to(d - 1, in.type, var(info(i).d), d - 1)); break;
     case OP_DISCARD: break;
     case OP_JUMP: {
       const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
@@ -998,6 +1111,89 @@ bool Gen::instruction(int i) {
   return true;
 }
 
+// The back-edge target of instruction i, or -1 when it does not jump back.
+int back_target(const Instr& in, int i) {
+  if (in.op == OP_NEXT) return static_cast<int>(in.position);
+  if (in.op == OP_JUMP || in.op == OP_GOTO_LOCAL) {
+    const std::int64_t t = i + static_cast<std::int64_t>(in.operand) + 1;
+    if (t <= i) return static_cast<int>(t);
+  }
+  return -1;
+}
+
+// Innermost loops whose body is entered only at its head and calls no
+// subroutine: their most used scalars get the registers nothing else there
+// needs.
+void Gen::plan_loops() {
+  const int n = count();
+  loop_head_.assign(static_cast<std::size_t>(n), -1);
+  std::vector<std::pair<int, int>> jumps;  // (from, to)
+  for (int i = 0; i < n; ++i) {
+    if (depth_[i] < 0) continue;
+    const Instr& in = ins(i);
+    switch (in.op) {
+      case OP_JUMP: case OP_BRANCH_FALSE: case OP_GOTO_LOCAL: case OP_GOSUB_LOCAL:
+        jumps.emplace_back(i, i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1);
+        break;
+      case OP_FOR: case OP_NEXT:
+        jumps.emplace_back(i, static_cast<int>(in.position));
+        break;
+      default: break;
+    }
+  }
+  for (int e = 0; e < n; ++e) {
+    if (depth_[e] < 0) continue;
+    const int s = back_target(ins(e), e);
+    if (s < 0 || loop_head_[static_cast<std::size_t>(s)] >= 0) continue;
+    bool ok = true;
+    int maxd = 1;
+    std::vector<Cached> vars;
+    auto use = [&](const values::Descriptor* d, std::uint8_t type) {
+      if (!d || !(values::is_integer_type(type) || type == values::kSingle || type == values::kDouble)) return;
+      for (Cached& c : vars)
+        if (c.d == d) {
+          ++c.uses;
+          return;
+        }
+      vars.push_back(Cached{d, type, 0, 1});
+    };
+    for (int j = s; j <= e && ok; ++j) {
+      if (depth_[j] < 0) continue;
+      const Instr& in = ins(j);
+      if (j != e && back_target(in, j) >= 0) ok = false;
+      if (in.op == OP_GOSUB_LOCAL || in.op == OP_GOSUB_LINE || in.op == OP_FOR) ok = false;
+      int out = 0;
+      (void)stack_effect(in, depth_[j], &out);
+      maxd = std::max({maxd, depth_[j], out});
+      if (in.op == OP_PUSH_VAR || in.op == OP_STORE_VAR) use(info(j).d, in.type);
+      if (in.op == OP_NEXT) {
+        const ForInfo& f = rc_.fors[static_cast<std::size_t>(in.count)];
+        use(f.d, f.var_type);
+      }
+    }
+    for (const auto& [from, to] : jumps)
+      if ((from < s || from > e) && to >= s && to <= e) ok = false;
+    if (!ok || vars.empty()) continue;
+    std::stable_sort(vars.begin(), vars.end(), [](const Cached& p, const Cached& q) { return p.uses > q.uses; });
+    std::vector<std::uint8_t> gprs, xmms = {X11, X12, X13, X14, X15};
+    for (int k = 7; k >= maxd; --k) {
+      gprs.push_back(GPR_SLOT[k]);
+      xmms.push_back(XMM_SLOT[k]);
+    }
+    Loop loop{s, e, {}};
+    std::size_t ng = 0, nx = 0;
+    for (Cached c : vars) {
+      std::vector<std::uint8_t>& pool = values::is_integer_type(c.type) ? gprs : xmms;
+      std::size_t& used = values::is_integer_type(c.type) ? ng : nx;
+      if (used == pool.size()) continue;
+      c.reg = pool[used++];
+      loop.vars.push_back(c);
+    }
+    loop_head_[static_cast<std::size_t>(s)] = static_cast<int>(loops_.size());
+    loops_.push_back(std::move(loop));
+  }
+}
+
 bool Gen::run() {
   labels_.resize(static_cast<std::size_t>(count()));
   for (int& l : labels_) l = a.new_label();
@@ -1017,13 +1213,22 @@ bool Gen::run() {
       if (in.position <= static_cast<std::uint32_t>(count())) target[in.position] = true;
     }
   }
+  plan_loops();
   for (int i = 0; i < count(); ++i) {
+    if (loop_head_[static_cast<std::size_t>(i)] >= 0) {
+      // Entered only by falling in from above: the registers are filled here
+      // and the loop's back edge jumps past this.
+      in_loop_ = &loops_[static_cast<std::size_t>(loop_head_[static_cast<std::size_t>(i)])];
+      load_cache();
+    }
     if (ins(i).op == OP_STATEMENT && target[static_cast<std::size_t>(i)]) a.align(8);
     a.bind(labels_[static_cast<std::size_t>(i)]);
     offsets[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(a.size());
-    if (depth_[i] < 0 || skip_[static_cast<std::size_t>(i)]) continue;
-    st_.resize(static_cast<std::size_t>(depth_[i]));
-    if (!instruction(i)) return false;
+    if (depth_[i] >= 0 && !skip_[static_cast<std::size_t>(i)]) {
+      st_.resize(static_cast<std::size_t>(depth_[i]));
+      if (!instruction(i)) return false;
+    }
+    if (in_loop_ && in_loop_->tail == i) in_loop_ = nullptr;
   }
   a.ud2();  // nothing falls off the end: the last instruction always leaves
   for (std::size_t k = 0; k < cold_.size(); ++k) cold_[k]();
@@ -1032,6 +1237,35 @@ bool Gen::run() {
 }
 
 }  // namespace
+
+// The signed magic number of Hacker's Delight (section 10-4), in 64 bits.
+DivMagic div_magic(std::int64_t d) {
+  const std::uint64_t two63 = 1ull << 63;
+  const std::uint64_t ad = static_cast<std::uint64_t>(d);
+  const std::uint64_t t = two63;
+  const std::uint64_t anc = t - 1 - t % ad;
+  int p = 63;
+  std::uint64_t q1 = two63 / anc, r1 = two63 - q1 * anc;
+  std::uint64_t q2 = two63 / ad, r2 = two63 - q2 * ad;
+  std::uint64_t delta;
+  do {
+    ++p;
+    q1 *= 2;
+    r1 *= 2;
+    if (r1 >= anc) {
+      ++q1;
+      r1 -= anc;
+    }
+    q2 *= 2;
+    r2 *= 2;
+    if (r2 >= ad) {
+      ++q2;
+      r2 -= ad;
+    }
+    delta = ad - r2;
+  } while (q1 < delta || (q1 == delta && r1 == 0));
+  return DivMagic{static_cast<std::int64_t>(q2 + 1), p - 64};
+}
 
 const char* generate(const RegionCode& rc, const int* depth, NativeCode* out) {
   Gen gen(rc, depth);

@@ -80,6 +80,13 @@ struct NativeCode {
 // Verified bytecode to executable memory. On failure returns the message
 // ("JIT executable memory allocation failed", ...) and leaves nothing behind.
 const char* generate(const RegionCode& rc, const int* depth, NativeCode* out);
+// Division by a constant d >= 2 as a multiply: q = hi64(n * magic) (+ n when
+// magic is negative) >> shift, plus one when n is negative.
+struct DivMagic {
+  std::int64_t magic;
+  int shift;
+};
+DivMagic div_magic(std::int64_t d);
 void release(NativeCode* code);
 
 // Runtime helpers (called from generated code).

@@ -80,6 +80,7 @@ class Assembler {
   void neg(Reg r) { rr(0xF7, static_cast<Reg>(3), r, true); }
   void not_(Reg r) { rr(0xF7, static_cast<Reg>(2), r, true); }
   void idiv(Reg r) { rr(0xF7, static_cast<Reg>(7), r, true); }
+  void imul_wide(Reg r) { rr(0xF7, static_cast<Reg>(5), r, true); }  // RDX:RAX = RAX * r, signed
   void cqo() { byte(0x48); byte(0x99); }
   void sar_imm(Reg r, std::uint8_t n) { rr(0xC1, static_cast<Reg>(7), r, true); byte(n); }
   void shl_imm(Reg r, std::uint8_t n) { rr(0xC1, static_cast<Reg>(4), r, true); byte(n); }

@@ -181,3 +181,39 @@ TEST(ExecutableMemory, InjectedFailuresLeaveNothingBehind) {
 
 }  // namespace
 }  // namespace jit
+
+// Division by a constant through its magic number, checked against the
+// machine's own division for divisors and dividends at the edges.
+TEST(DivMagic, MatchesTruncatingDivision) {
+  auto quotient = [](std::int64_t n, const jit::DivMagic& m) {
+    __int128 prod = static_cast<__int128>(n) * m.magic;
+    std::int64_t q = static_cast<std::int64_t>(prod >> 64);
+    if (m.magic < 0) q += n;
+    q >>= m.shift;
+    return q + static_cast<std::int64_t>(static_cast<std::uint64_t>(n) >> 63);
+  };
+  std::vector<std::int64_t> divisors = {2, 3, 5, 6, 7, 10, 100, 641, 1009, 30269, 999983, 1ll << 31,
+                                        (1ll << 31) + 1, 1ll << 62, INT64_MAX - 1, INT64_MAX};
+  for (std::int64_t d = 2; d < 300; ++d) divisors.push_back(d);
+  std::vector<std::int64_t> dividends = {0, 1, -1, 2, -2, INT64_MAX, INT64_MIN, INT64_MIN + 1, INT64_MAX - 1};
+  std::uint64_t x = 88172645463325252ull;
+  for (int k = 0; k < 2000; ++k) {
+    x ^= x << 13;
+    x ^= x >> 7;
+    x ^= x << 17;
+    dividends.push_back(static_cast<std::int64_t>(x) >> (k % 60));
+  }
+  for (std::int64_t d : divisors) {
+    const jit::DivMagic m = jit::div_magic(d);
+    for (std::int64_t n : dividends) {
+      // The dividend, the multiple of d below it and its neighbours.
+      const std::int64_t base = n - n % d;
+      for (std::int64_t step : {0, -1, 1}) {
+        std::int64_t v;
+        if (__builtin_add_overflow(base, step, &v)) continue;
+        ASSERT_EQ(quotient(v, m), v / d) << v << " / " << d;
+      }
+      ASSERT_EQ(quotient(n, m), n / d) << n << " / " << d;
+    }
+  }
+}
