@@ -167,6 +167,10 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
       result = len;
       break;
     }
+    if (ch == 4 && len == 0 && (flags & kEditReadyPrompt) && keys.eof_key.load()) {
+      keys.set_input_ended();  // the next wait sees the end of input
+      continue;
+    }
     if (ch == 8) {
       if (pos > 0) {
         std::memmove(buf + pos - 1, buf + pos, static_cast<std::size_t>(len - pos));
