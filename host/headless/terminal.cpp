@@ -47,7 +47,9 @@ class Terminal final : public Headless {
   void start_input() override { std::thread([this] { read_keys(); }).detach(); }
 
   std::chrono::milliseconds tick() override {
-    draw();
+    // Nothing written and the cursor as shown: no frame to compare.
+    const bool cursor_same = (screen::cursor.visible.load() != 0) == cursor_shown_.load();
+    if (screen::fb.changed.exchange(0) != 0 || !cursor_same || redraw_.exchange(false)) draw();
     // At a prompt every change is drawn by repaint_now before the editor
     // waits, so the loop sleeps long once the last key is well behind it (a
     // key just typed may be starting a program that draws by itself).
@@ -91,6 +93,7 @@ class Terminal final : public Headless {
     frame_.cursor_insert = cur.insert.load() != 0;
     frame_.cursor_row = crow < 0 ? 0 : static_cast<std::uint32_t>(crow);
     frame_.cursor_col = ccol < 0 ? 0 : static_cast<std::uint32_t>(ccol);
+    cursor_shown_.store(frame_.cursor_visible);
     out_.clear();
     screen_.update(frame_, &out_);
     if (!out_.empty()) tty::write_all(out_.data(), out_.size());
@@ -122,6 +125,7 @@ class Terminal final : public Headless {
           fit_grid();
           screen_.invalidate();
         }
+        redraw_.store(true);
         wake();
       }
       if (events & tty::kInputEnded) {
@@ -138,6 +142,7 @@ class Terminal final : public Headless {
 
   static constexpr std::chrono::milliseconds kSettle{250};
   std::atomic<std::int64_t> last_key_{0};
+  std::atomic<bool> redraw_{false}, cursor_shown_{false};
   TermScreen screen_;
   std::mutex draw_lock_;  // the message loop and the interpreter (repaint_now) both draw
   TermFrame frame_;
