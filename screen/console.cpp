@@ -26,6 +26,21 @@ void set_text_grid(std::uint32_t cols, std::uint32_t rows) {
   grid_rows.store(rows, std::memory_order_relaxed);
 }
 
+void shift_cells_up(std::uint32_t n) {
+  if (n == 0) return;
+  for (std::uint32_t row = 0; row < static_cast<std::uint32_t>(kMaxRows); ++row) {
+    const std::uint32_t from = row + n;
+    for (std::uint32_t c = 0; c < static_cast<std::uint32_t>(kMaxCols); ++c) {
+      const bool inside = from < static_cast<std::uint32_t>(kMaxRows);
+      con.cells[row][c] = inside ? con.cells[from][c] : ' ';
+      con.cell_colours[row][c] = inside ? con.cell_colours[from][c] : con.fg;
+      con.cell_backgrounds[row][c] = inside ? con.cell_backgrounds[from][c] : con.bg;
+    }
+    con.row_continued[row] = from < static_cast<std::uint32_t>(kMaxRows) ? con.row_continued[from] : 0;
+  }
+  con.row = con.row > n ? con.row - n : 0;
+}
+
 std::uint32_t text_columns() {
   const std::uint32_t fixed = grid_cols.load(std::memory_order_relaxed);
   std::uint32_t c = fixed ? fixed : fb.width / 8;

@@ -45,6 +45,10 @@ std::uint32_t text_rows();     // TXTMAXY: min(height / 16, 128), at least 1
 // framebuffer (0, 0 gives it back to the framebuffer). Any thread may call
 // it: every console operation reads the size once and checks cell indexes.
 void set_text_grid(std::uint32_t cols, std::uint32_t rows);
+// Move every row's cells up by n rows (blanks come in at the bottom), as a
+// terminal does when it shrinks under its cursor. Cells only: the pixels
+// are not shown where the grid follows a terminal.
+void shift_cells_up(std::uint32_t n);
 Region text_region();
 
 void put_char(std::uint8_t c);

@@ -210,6 +210,21 @@ def case_screen(p):
     terminal_restored(p)
 
 
+def case_shrink(p):
+    """The terminal shrinks under a waiting prompt: the text above the prompt
+    moves up with it and the typed line stays in sight."""
+    p.start()
+    p.line("FOR I = 1 TO 30: PRINT I: NEXT")
+    p.wait_text(" 30\n")
+    p.tmux("resize-window", "-t", "0", "-x", "60", "-y", "12")
+    p.wait(lambda s: p.info("#{pane_height}") == "12", "the resize")
+    p.type("PRINT 5")
+    p.wait(lambda s: p.rows()[11].startswith("PRINT 5") and p.rows()[9].strip() == "30",
+           "the prompt on the last row under the output")
+    p.keys("Enter")
+    p.wait_text(" 5\n")
+
+
 def case_crash(p):
     """A crash signal (SIGSEGV sent to the process) still puts the terminal
     back: normal screen, cursor shown, cooked mode."""
@@ -246,6 +261,7 @@ CASES = {
     "break_cont": case_break_cont,
     "inkey_game": case_inkey_game,
     "screen": case_screen,
+    "shrink": case_shrink,
     "crash": case_crash,
     "ctrl_d": case_ctrl_d,
 }
