@@ -234,7 +234,8 @@ def case_crash(p):
     pid = None
     deadline = time.time() + TIMEOUT
     while pid is None and time.time() < deadline:
-        out = subprocess.run(["pgrep", "-f", "-n", "tambril --headless --no-banner"],
+        # The shell in the pane started it: its child, not any other tambril.
+        out = subprocess.run(["pgrep", "-P", p.info("#{pane_pid}")],
                              capture_output=True, text=True).stdout.split()
         pid = int(out[0]) if out else None
         time.sleep(0.05)
