@@ -91,9 +91,11 @@ bool KeyQueue::take(KeyEntry* out) {
 bool KeyQueue::poll(KeyEntry* out) {
   using Clock = std::chrono::steady_clock;
   // Polls closer together than this are a loop that only waits for a key; a
-  // game frame that does real work between its polls is never slowed.
-  constexpr auto kClose = std::chrono::microseconds(200);
-  constexpr auto kStreak = std::chrono::milliseconds(20);
+  // game frame that does real work between its polls is never slowed. The
+  // margin is wide so that a busy machine preempting the loop between two
+  // polls does not break the run and start a spin again.
+  constexpr auto kClose = std::chrono::milliseconds(5);
+  constexpr auto kStreak = std::chrono::milliseconds(10);
   std::unique_lock guard(lock_);
   if (take_locked(out)) return true;
   auto now = Clock::now();

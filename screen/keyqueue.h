@@ -51,7 +51,7 @@ class KeyQueue {
   // Non-blocking take.
   bool take(KeyEntry* out);
   // INKEY$: a take that paces a program doing nothing but asking again. Once
-  // empty polls have followed each other closely for a while, each one waits
+  // empty polls have followed each other closely for 10 ms, each one waits
   // up to kIdlePollWaitMs for a key (a key ends the wait at once), so a wait
   // loop no longer burns a whole core.
   static constexpr int kIdlePollWaitMs = 2;
