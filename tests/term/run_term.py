@@ -84,7 +84,9 @@ def check(cond, message):
 def terminal_restored(p):
     """After the session: the shell's screen is back and the line discipline
     is cooked again (stty answers with icanon and echo on)."""
-    p.wait_text("exit=")
+    # The line "exit=N" that the shell prints once the process has ended
+    # (the command line itself shows "exit=$?").
+    p.wait(lambda s: re.search(r"^exit=\d+", s, re.M), "the end of the process")
     p.wait(lambda s: p.info("#{alternate_on}") == "0", "the normal screen")
     check(p.info("#{cursor_flag}") == "1", "cursor left hidden")
     p.line("stty -a | tr ' ' '\\n' | grep -x -e icanon -e echo -e isig | tr '\\n' ,; echo")
@@ -253,7 +255,7 @@ def case_ctrl_d(p):
     p.keys("Enter")
     p.wait_text(" 3\n")
     p.keys("C-d")
-    p.wait_text("exit=0")
+    p.wait(lambda s: re.search(r"^exit=0$", s, re.M), "exit code 0")
     terminal_restored(p)
 
 
