@@ -37,7 +37,10 @@ int main(int argc, char** argv) {
     }
   }
   if (host::shell.headless) {
-    fe.reset(host::make_headless_frontend());
+    // A person at a terminal gets the terminal front end; pipes, files and
+    // batch runs keep the byte stream.
+    if (!host::shell.batch) fe.reset(host::make_terminal_frontend());
+    if (!fe) fe.reset(host::make_headless_frontend());
   } else if (words.size() > 1 && !words[1].empty()) {
     // The window runs in the temporary directory: a relative autostart name is
     // made absolute against the directory the user started from.

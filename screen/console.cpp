@@ -6,6 +6,7 @@
 #include "screen/lineedit.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "host/platform.h"
@@ -18,14 +19,38 @@ namespace screen {
 Console con;
 CaptureSink capture_sink = nullptr;
 
+static std::atomic<std::uint32_t> grid_cols{0}, grid_rows{0};
+
+void set_text_grid(std::uint32_t cols, std::uint32_t rows) {
+  grid_cols.store(cols, std::memory_order_relaxed);
+  grid_rows.store(rows, std::memory_order_relaxed);
+}
+
+void shift_cells_up(std::uint32_t n) {
+  if (n == 0) return;
+  for (std::uint32_t row = 0; row < static_cast<std::uint32_t>(kMaxRows); ++row) {
+    const std::uint32_t from = row + n;
+    for (std::uint32_t c = 0; c < static_cast<std::uint32_t>(kMaxCols); ++c) {
+      const bool inside = from < static_cast<std::uint32_t>(kMaxRows);
+      con.cells[row][c] = inside ? con.cells[from][c] : ' ';
+      con.cell_colours[row][c] = inside ? con.cell_colours[from][c] : con.fg;
+      con.cell_backgrounds[row][c] = inside ? con.cell_backgrounds[from][c] : con.bg;
+    }
+    con.row_continued[row] = from < static_cast<std::uint32_t>(kMaxRows) ? con.row_continued[from] : 0;
+  }
+  con.row = con.row > n ? con.row - n : 0;
+}
+
 std::uint32_t text_columns() {
-  std::uint32_t c = fb.width / 8;
+  const std::uint32_t fixed = grid_cols.load(std::memory_order_relaxed);
+  std::uint32_t c = fixed ? fixed : fb.width / 8;
   if (c > kMaxCols) c = kMaxCols;
   return c ? c : 1;
 }
 
 std::uint32_t text_rows() {
-  std::uint32_t r = fb.height / 16;
+  const std::uint32_t fixed = grid_rows.load(std::memory_order_relaxed);
+  std::uint32_t r = fixed ? fixed : fb.height / 16;
   if (r > kMaxRows) r = kMaxRows;
   return r ? r : 1;
 }
@@ -75,6 +100,7 @@ void put_cell(std::uint32_t row, std::uint32_t col, std::uint8_t ch) {
   if (row < kMaxRows && col < kMaxCols) {
     con.cells[row][col] = ch;
     con.cell_colours[row][col] = con.fg;
+    con.cell_backgrounds[row][col] = con.bg;
   }
 }
 
@@ -86,6 +112,7 @@ static void fill_row(std::uint32_t row, const Region& r) {
     if (row < kMaxRows) {
       con.cells[row][c] = ' ';
       con.cell_colours[row][c] = con.fg;
+      con.cell_backgrounds[row][c] = con.bg;
     }
   }
   if (!fb.front) return;
@@ -139,6 +166,7 @@ void scroll_region_up() {
     for (std::uint32_t c = r.left; c <= r.right && c < kMaxCols; ++c) {
       con.cells[row][c] = con.cells[row + 1][c];
       con.cell_colours[row][c] = con.cell_colours[row + 1][c];
+      con.cell_backgrounds[row][c] = con.cell_backgrounds[row + 1][c];
     }
     con.row_continued[row] = con.row_continued[row + 1];
   }

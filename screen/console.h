@@ -15,6 +15,9 @@ struct Region {
 struct Console {
   std::uint8_t cells[kMaxRows][kMaxCols];
   std::uint32_t cell_colours[kMaxRows][kMaxCols];
+  // The background each cell was drawn with (a terminal front end shows it;
+  // the window has it in the pixels).
+  std::uint32_t cell_backgrounds[kMaxRows][kMaxCols];
   std::uint8_t row_continued[kMaxRows];
   std::uint32_t row = 0, col = 0;
   std::uint32_t fg = 0xFFFFFF, bg = 0x000000;
@@ -38,6 +41,14 @@ extern Console con;
 
 std::uint32_t text_columns();  // TXTMAXX: min(width / 8, 256), at least 1
 std::uint32_t text_rows();     // TXTMAXY: min(height / 16, 128), at least 1
+// A terminal front end sizes the grid to the terminal instead of the
+// framebuffer (0, 0 gives it back to the framebuffer). Any thread may call
+// it: every console operation reads the size once and checks cell indexes.
+void set_text_grid(std::uint32_t cols, std::uint32_t rows);
+// Move every row's cells up by n rows (blanks come in at the bottom), as a
+// terminal does when it shrinks under its cursor. Cells only: the pixels
+// are not shown where the grid follows a terminal.
+void shift_cells_up(std::uint32_t n);
 Region text_region();
 
 void put_char(std::uint8_t c);

@@ -477,7 +477,10 @@ void clear_screen_part(int part) {
   if (part == 0) {
     for (int r = 0; r < kMaxRows; ++r) {
       std::memset(con.cells[r], ' ', kMaxCols);
-      for (int c = 0; c < kMaxCols; ++c) con.cell_colours[r][c] = con.fg;
+      for (int c = 0; c < kMaxCols; ++c) {
+        con.cell_colours[r][c] = con.fg;
+        con.cell_backgrounds[r][c] = con.bg;
+      }
       con.row_continued[r] = 0;
     }
   }

@@ -88,6 +88,27 @@ bool KeyQueue::take(KeyEntry* out) {
   return take_locked(out);
 }
 
+bool KeyQueue::poll(KeyEntry* out) {
+  using Clock = std::chrono::steady_clock;
+  // Polls closer together than this are a loop that only waits for a key; a
+  // game frame that does real work between its polls is never slowed. The
+  // margin is wide so that a busy machine preempting the loop between two
+  // polls does not break the run and start a spin again.
+  constexpr auto kClose = std::chrono::milliseconds(5);
+  constexpr auto kStreak = std::chrono::milliseconds(10);
+  std::unique_lock guard(lock_);
+  if (take_locked(out)) return true;
+  auto now = Clock::now();
+  if (now - last_empty_poll_ > kClose) idle_since_ = now;
+  last_empty_poll_ = now;
+  if (now - idle_since_ < kStreak || input_ended_.load() || host::stop_requested()) return false;
+  event_.wait_for(guard, std::chrono::milliseconds(kIdlePollWaitMs), [&] {
+    return head_ != tail_ || host::stop_requested() || debugger_request.load() != 0;
+  });
+  last_empty_poll_ = Clock::now();
+  return take_locked(out);
+}
+
 bool KeyQueue::empty() {
   std::lock_guard guard(lock_);
   return head_ == tail_;

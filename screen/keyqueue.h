@@ -2,6 +2,7 @@
 // with software key repeat. One entry is two u16: key code and character.
 #pragma once
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -47,8 +48,14 @@ class KeyQueue {
   // Interpreter: block until a key arrives. False when the window is closing
   // (the stop flag is set, or headless input ended with the queue empty).
   bool wait(KeyEntry* out);
-  // Non-blocking take (INKEY$).
+  // Non-blocking take.
   bool take(KeyEntry* out);
+  // INKEY$: a take that paces a program doing nothing but asking again. Once
+  // empty polls have followed each other closely for 10 ms, each one waits
+  // up to kIdlePollWaitMs for a key (a key ends the wait at once), so a wait
+  // loop no longer burns a whole core.
+  static constexpr int kIdlePollWaitMs = 2;
+  bool poll(KeyEntry* out);
   bool empty();
   // Break polling: remove the first Esc entry if one is queued (other keys
   // stay, in order, for the program's next read).
@@ -72,6 +79,9 @@ class KeyQueue {
   // Set while the Ready prompt or the line editor waits (Ctrl+V paste, Ctrl+Shift+L).
   std::atomic<std::uint32_t> editor_waiting{0};
   std::atomic<std::uint32_t> ready_prompt_waiting{0};
+  // Terminal sessions: Ctrl+D (character 4) at an empty Ready prompt ends
+  // the input, as the end of a piped stdin does.
+  std::atomic<std::uint32_t> eof_key{0};
 
   std::uint32_t capacity() const { return capacity_; }
 
@@ -85,6 +95,9 @@ class KeyQueue {
   std::uint32_t capacity_ = kStartCapacity;
   std::uint32_t head_ = 0, tail_ = 0;
   std::atomic<bool> input_ended_{false};
+  // INKEY$ pacing: when the current run of closely spaced empty polls began,
+  // and when the last one was.
+  std::chrono::steady_clock::time_point idle_since_{}, last_empty_poll_{};
   // Software repeat.
   std::atomic<bool> repeat_on_{false};
   bool repeat_armed_ = false;

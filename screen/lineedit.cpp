@@ -83,6 +83,22 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
   const std::string* typing = nullptr;
   std::size_t typed = 0;
   for (;;) {
+    // The grid can change size under a waiting editor (a terminal resized):
+    // the field follows, scrolling up when its end fell below the bottom.
+    const Region now = text_region();
+    if (now.left != f.region.left || now.right != f.region.right || now.bottom != f.region.bottom) {
+      f.region = now;
+      if (f.start_col < now.left || f.start_col > now.right) f.start_col = now.left;
+      // Shrunk under the field: what stood above it moves up with it.
+      std::int64_t end_row;
+      std::uint32_t end_col;
+      f.place(len, &end_row, &end_col);
+      if (end_row > static_cast<std::int64_t>(now.bottom) && !con.has_window && !con.has_viewport) {
+        const auto n = static_cast<std::uint32_t>(end_row - static_cast<std::int64_t>(now.bottom));
+        shift_cells_up(n);
+        f.start_row -= n;
+      }
+    }
     f.reveal(len);
     draw(f, buf, len, shown);
     shown = len;
@@ -166,6 +182,10 @@ int line_edit(char* buf, int cap, std::uint32_t flags) {
       }
       result = len;
       break;
+    }
+    if (ch == 4 && len == 0 && (flags & kEditReadyPrompt) && keys.eof_key.load()) {
+      keys.set_input_ended();  // the next wait sees the end of input
+      continue;
     }
     if (ch == 8) {
       if (pos > 0) {

@@ -5,7 +5,7 @@ set -euo pipefail
 case "${1:-run}" in
   run) want=(build-essential cmake ninja-build pkg-config libsdl2-dev libcurl4-openssl-dev python3) ;;
   test) want=(build-essential cmake ninja-build pkg-config libsdl2-dev libcurl4-openssl-dev python3
-              libgtest-dev xvfb xauth x11-apps x11-utils xdotool clang libclang-rt-14-dev) ;;
+              libgtest-dev xvfb xauth x11-apps x11-utils xdotool clang libclang-rt-14-dev tmux) ;;
   windows) want=(cmake ninja-build python3 g++-mingw-w64-x86-64-posix wine wine64
                  xvfb x11-utils x11-apps xdotool) ;;
   *) echo "usage: scripts/deps.sh run|test|windows" >&2; exit 2 ;;

@@ -839,7 +839,7 @@ bool pseudo_value(int index, const Token*& t, Value* out) {
     case P_INKEY: {
       screen::KeyEntry k;
       for (;;) {
-        if (!screen::keys.take(&k)) return make_string("", 0, out);
+        if (!screen::keys.poll(&k)) return make_string("", 0, out);
         const std::uint16_t code = k.code & 0xFF;
         if (code == screen::kKeyDebugger || code == screen::kKeyReset) continue;  // never reach INKEY$
         if (code == 0) {
