@@ -122,14 +122,17 @@ def main():
         carrier = path("carrier" + ext)
         open(carrier, "wb").write(original + container([(b"QZGM", bank)]))
         os.chmod(carrier, 0o755)
-        code, out = session('10 PRINT "again"; COMMANDLINEARG$(1)\nCREATEEXE "again"\nPRINT "still here"\n', carrier)
+        code, out = session('10 PRINT "again"; COMMANDLINEARG$(1)\n20 PRINT SYSTEMINFO$(13)\n'
+                            'PRINT SYSTEMINFO$(13)\nCREATEEXE "again"\nPRINT "still here"\n', carrier)
+        check("Executable: interpreter\n" in out, "a bank alone does not make a standalone program", out)
         check(f"Created again{ext} (Tambril GM bank embedded)" in out and "still here" in out,
               "an executable with only a bank runs the Ready loop and passes its bank on", out)
         image = parse_image(open(path("again" + ext), "rb").read())
         check(image and image[0] == original and image[1].get("QZGM") == bank and len(image[1]) == 2,
               "packed from packed: the interpreter part only, then the new payload")
         code, out = r.run(path("again" + ext), ["--headless", "X"])
-        check(out == "againX\n", "the rebuilt executable runs", repr(out))
+        check(out == "againX\nExecutable: standalone program, GM bank embedded (1.5 KB)\n",
+              "the rebuilt executable runs and knows what it carries", repr(out))
 
         # Malformed payloads: a bad trailer is no program (the interpreter
         # starts as usual); a bad program block after good detection ends the
