@@ -11,6 +11,7 @@
 #include "screen/graphics_statements.h"
 #include "screen/screen_statements.h"
 #include "files/file_statements.h"
+#include "host/packed.h"
 #include "host/platform.h"
 #include "jit/jit.h"
 #include "net/net.h"
@@ -75,6 +76,7 @@ constexpr HandlerTable make_table() {
   table[KW_LOAD] = stmt_load;
   table[KW_MERGE] = stmt_merge;
   table[KW_SAVE] = stmt_save;
+  table[KW_CREATEEXE] = host::stmt_createexe;
   table[KW_NEW] = stmt_new;
   table[KW_DELETE] = stmt_delete;
   table[KW_EDIT] = stmt_edit;

@@ -147,7 +147,12 @@ void interpreter_thread() {
   banner();
 
   if (shell.packed) {
-    if (load_packed_program()) run_direct("RUN");
+    // A malformed program ends the process without a word; with --batch the
+    // exit code still tells a script that nothing ran.
+    const bool loaded = load_packed_program();
+    if (loaded) run_direct("RUN");
+    if (shell.batch)
+      shell.exit_code.store(!loaded || core::last_run_failed || core::last_run_interrupted ? 1 : 0);
     if (ui) ui->post_close();
     return;
   }

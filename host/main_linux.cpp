@@ -9,6 +9,7 @@
 #include "host/frontend.h"
 #include "host/headless/headless.h"
 #include "host/options.h"
+#include "host/packed.h"
 #include "host/platform.h"
 #include "host/sdl/sdl_front.h"
 #include "host/shell.h"
@@ -41,7 +42,7 @@ int main(int argc, char** argv) {
     // batch runs keep the byte stream.
     if (!host::shell.batch) fe.reset(host::make_terminal_frontend());
     if (!fe) fe.reset(host::make_headless_frontend());
-  } else if (words.size() > 1 && !words[1].empty()) {
+  } else if (!host::packed_image().packed && words.size() > 1 && !words[1].empty()) {
     // The window runs in the temporary directory: a relative autostart name is
     // made absolute against the directory the user started from.
     const std::string name = host::utf16_to_utf8(words[1]);

@@ -38,8 +38,13 @@ bool batch_program_exists() {
 
 OptionResult take_options(std::vector<std::u16string>& words, std::string* message) {
   std::size_t i = 1;
+  // A packed program owns its command line: only the switches that choose
+  // how it runs are taken, and from the first other word on everything
+  // (--help included) is the program's argument.
+  const bool packed = detect_packed_program(executable_path());
   while (i < words.size() && words[i].size() > 2 && words[i][0] == u'-' && words[i][1] == u'-') {
     const std::string w = utf16_to_utf8(words[i]);
+    if (packed && w != "--headless" && w != "--batch" && w != "--no-banner" && w != "--screenshot") break;
     if (w == "--headless") {
       shell.headless = true;
     } else if (w == "--batch") {

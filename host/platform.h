@@ -53,6 +53,15 @@ bool file_readable(const std::string& path);
 std::FILE* open_file(const std::string& cp437_name, const char* mode);
 bool is_absolute_path(const std::string& path);
 char path_separator();
+// Open a file by the system's own path (UTF-8), as executable_path gives it.
+std::FILE* open_native_file(const std::string& utf8_path, const char* mode);
+// Create (or truncate) a file for writing that the system may start as a
+// program: executable bits on Linux (as the umask allows), an ordinary file
+// on Windows. nullptr on failure.
+std::FILE* create_executable_file(const std::string& cp437_name);
+// What an executable's name ends with when the user gives none (".exe" on
+// Windows, nothing on Linux).
+const char* executable_extension();
 
 // --- files and directories (names are code page 437 text) -----------------
 // What went wrong, for the caller to turn into its own message.

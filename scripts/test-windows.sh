@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Cross-build the Windows x64 executables (tambril.exe, tambril-con.exe) with
 # mingw-w64 in build-win/ and run their tests under Wine: every BASIC
-# transcript headless, the console checks, and the real window on a virtual X
+# transcript headless, the console checks, executables written by CREATEEXE
+# run on their own, and the real window on a virtual X
 # server. Installs the Debian 12 packages it needs when they are missing.
 # JOBS=n limits the parallel build and test jobs (default: all processors).
 set -euo pipefail

@@ -784,16 +784,29 @@ const HelpEntry kHelpEntries[] = {
      "End the program, close the files and close the window (a headless session exits with code 0).",
      nullptr},
     {"CREATEEXE", "MACHINE", "CREATEEXE file$ [NOGM]",
-     "Write a standalone executable that runs the current program (\".exe\" added when the name has no "
-     "extension), with the General MIDI bank unless NOGM is given. Direct mode only.",
+     "Write a standalone executable: a copy of this interpreter that runs the current program when started, "
+     "without banner or Ready prompt, and closes its window when the program ends; every word of its command "
+     "line goes to the program (COMMANDLINEARG$), except --headless, --batch, --no-banner and --screenshot at "
+     "the start. A name without extension gets \".exe\" on Windows (none on Linux). The General MIDI bank "
+     "goes in too unless NOGM is given: the bank this executable carries, else TAMBRIL_GM.QZGM in the current "
+     "directory or beside the interpreter. Prints \"Created \" and the name, then \"(Tambril GM bank "
+     "embedded)\" or \"(no GM bank embedded)\". Direct mode only (\"Illegal direct\"); \"No program\" "
+     "without lines.",
      nullptr},
     {"SYSTEMINFO$", "MACHINE", "SYSTEMINFO$(n)",
-     "One line of system information: the operating system, processor, memory, display, drives and disks, "
-     "firmware and battery. SYSTEMINFO$(6) reports the SIMD choice of the JIT, SYSTEMINFO$(7) the PARFOR "
-     "capacity, SYSTEMINFO$(11) whether the JIT is on.",
+     "One line of system information, n from 0 to 13: 0 \"OS:\" name, version and architecture; "
+     "1 \"Processor:\" the CPUID brand; 2 \"Cores:\" physical and logical; 3 \"Caches:\" L1 to L3 sizes; "
+     "4 \"Memory:\" installed and available; 5 \"Display:\" window or headless, framebuffer size and video "
+     "modes; 6 the SIMD choice of the JIT (\"SIMD: AVX2 usable for JIT (SSE2 baseline)\", \"SIMD: SSE2; AVX2 "
+     "hardware present, YMM state unavailable\" or \"SIMD: SSE2; AVX2 hardware unavailable\"); 7 \"PARFOR "
+     "capacity: \" processors incl. caller, cap (auto) and the last worker count; 8 \"Drives:\" roots, kinds, "
+     "sizes and free space; 9 \"Disks:\" physical disks, sizes and models; 10 \"Firmware:\" SMBIOS version, "
+     "BIOS and system maker from the SMBIOS tables; 11 \"JIT: ON\" or \"JIT: OFF\"; 12 \"Battery:\" charge "
+     "or none; 13 \"Executable:\" interpreter or standalone program (CREATEEXE). Another n is "
+     "\"Illegal function call\".",
      nullptr},
-    {"BATTERYPERCENT", "MACHINE", "BATTERYPERCENT", "The battery charge in percent, -1 without a battery.",
-     nullptr},
+    {"BATTERYPERCENT", "MACHINE", "BATTERYPERCENT",
+     "The battery charge in percent (0 to 100), -1 without a battery or when the system cannot tell.", nullptr},
     {"ENVIRON$", "MACHINE", "ENVIRON$(name$)",
      "The value of an environment variable, \"\" when it is not set.", nullptr},
     {"COMMANDLINEARG$", "MACHINE", "COMMANDLINEARG$(n)",

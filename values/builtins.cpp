@@ -14,6 +14,7 @@
 #include "host/platform.h"
 #include "net/net.h"
 #include "host/shell.h"
+#include "host/sysinfo.h"
 #include "host/ui.h"
 #include "screen/console.h"
 #include "screen/framebuffer.h"
@@ -755,6 +756,7 @@ const BuiltinGroup kGroups[] = {
     files::file_builtins(),
     net::net_builtins(),
     tools::tool_builtins(),
+    host::sysinfo_builtins(),
 };
 
 }  // namespace

@@ -246,6 +246,27 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
   return std::fopen(path.c_str(), mode);
 }
 
+std::FILE* open_native_file(const std::string& utf8_path, const char* mode) { return std::fopen(utf8_path.c_str(), mode); }
+
+std::FILE* create_executable_file(const std::string& cp437_name) {
+  std::string path = native_name(cp437_name);
+  if (access(path.c_str(), F_OK) != 0) {
+    const std::string other = case_insensitive_match(path);
+    if (!other.empty()) path = other;
+  }
+  // Mode 0777 lets the umask decide who may run it, as for any new program;
+  // a file that existed keeps its mode, plus x wherever it can be read.
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && (st.st_mode & 0111) == 0) (void)fchmod(fd, (st.st_mode & 07777) | ((st.st_mode & 0444) >> 2));
+  std::FILE* f = fdopen(fd, "wb");
+  if (!f) close(fd);
+  return f;
+}
+
+const char* executable_extension() { return ""; }
+
 // Linux has no sharing modes; they are built from open-file-description
 // locks on two bytes far past any real data, which every Tambril program
 // honours: an opener takes a shared lock on the "readers" byte when it reads

@@ -147,6 +147,15 @@ std::FILE* open_file(const std::string& cp437_name, const char* mode) {
   return _wfopen(wide(cp437_to_utf8(cp437_name)).c_str(), std::wstring(m.begin(), m.end()).c_str());
 }
 
+std::FILE* open_native_file(const std::string& utf8_path, const char* mode) {
+  const std::string m(mode);
+  return _wfopen(wide(utf8_path).c_str(), std::wstring(m.begin(), m.end()).c_str());
+}
+
+std::FILE* create_executable_file(const std::string& cp437_name) { return open_file(cp437_name, "wb"); }
+
+const char* executable_extension() { return ".exe"; }
+
 // --- files and directories --------------------------------------------------
 
 namespace {
