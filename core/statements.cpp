@@ -14,6 +14,7 @@
 #include "host/platform.h"
 #include "jit/jit.h"
 #include "net/net.h"
+#include "sound/sound.h"
 #include "tools/tools.h"
 #include "values/eval.h"
 
@@ -144,6 +145,7 @@ const NamedGroup kNamedGroups[] = {
     {files::kFileNamed, files::kFileNamedCount},
     {jit::kJitNamed, 1},
     {net::kNetNamed, net::kNetNamedCount},
+    {sound::kSoundNamed, sound::kSoundNamedCount},
 };
 
 Handler find_named(const char* name) {

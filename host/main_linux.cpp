@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "host/audio.h"
 #include "host/cp437.h"
 #include "host/frontend.h"
 #include "host/headless/headless.h"
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
       break;
   }
   std::signal(SIGPIPE, SIG_IGN);
+  host::make_system_audio = host::make_sdl_audio;
   std::unique_ptr<host::Frontend> fe;
   if (!host::shell.headless) {
     fe.reset(host::make_sdl_frontend());

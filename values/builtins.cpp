@@ -13,6 +13,7 @@
 #include "files/file_functions.h"
 #include "host/platform.h"
 #include "net/net.h"
+#include "sound/sound.h"
 #include "host/shell.h"
 #include "host/ui.h"
 #include "screen/console.h"
@@ -754,6 +755,7 @@ const BuiltinGroup kGroups[] = {
     {screen::kGraphicsFunctions, screen::kGraphicsFunctionCount},
     files::file_builtins(),
     net::net_builtins(),
+    sound::sound_builtins(),
     tools::tool_builtins(),
 };
 
