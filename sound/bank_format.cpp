@@ -144,6 +144,9 @@ std::uint32_t crc32(const void* data, std::size_t n, std::uint32_t crc) {
   return ~crc;
 }
 
+void put_tag(std::vector<std::uint8_t>& v, const char* tag) {
+  while (*tag) v.push_back(static_cast<std::uint8_t>(*tag++));
+}
 void put16(std::vector<std::uint8_t>& v, std::uint16_t x) {
   v.push_back(static_cast<std::uint8_t>(x));
   v.push_back(static_cast<std::uint8_t>(x >> 8));
@@ -166,7 +169,7 @@ void set64(std::uint8_t* p, std::uint64_t x) {
 
 std::vector<std::uint8_t> build_metadata(const Bank& b) {
   std::vector<std::uint8_t> v;
-  v.insert(v.end(), {'Q', 'Z', 'M', 'D'});
+  put_tag(v, "QZMD");
   put32(v, 1);
   put32(v, static_cast<std::uint32_t>(b.zones.size()));
   put32(v, static_cast<std::uint32_t>(b.samples.size()));
@@ -179,7 +182,7 @@ std::vector<std::uint8_t> build_metadata(const Bank& b) {
   put32(v, 0);
   for (const Zone& z : b.zones) {
     put16(v, z.program);
-    v.insert(v.end(), {z.key_lo, z.key_hi, z.vel_lo, z.vel_hi, z.root_key, z.flags});
+    for (std::uint8_t x : {z.key_lo, z.key_hi, z.vel_lo, z.vel_hi, z.root_key, z.flags}) v.push_back(x);
     put32(v, z.sample);
     put16(v, static_cast<std::uint16_t>(z.tune_cents));
     put16(v, static_cast<std::uint16_t>(z.attenuation_cb));

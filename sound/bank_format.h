@@ -52,6 +52,8 @@ inline std::uint32_t get32(const std::uint8_t* p) {
          static_cast<std::uint32_t>(p[3]) << 24;
 }
 inline std::uint64_t get64(const std::uint8_t* p) { return get32(p) | static_cast<std::uint64_t>(get32(p + 4)) << 32; }
+// The ASCII bytes of a tag or magic.
+void put_tag(std::vector<std::uint8_t>& v, const char* tag);
 void put16(std::vector<std::uint8_t>& v, std::uint16_t x);
 void put32(std::vector<std::uint8_t>& v, std::uint32_t x);
 void put64(std::vector<std::uint8_t>& v, std::uint64_t x);
