@@ -153,6 +153,7 @@ bool load_lossless(Source& src, int requested, Bank* b, std::string* error) {
       data_off > size)
     return fail(error, kInvalid);
   std::vector<std::uint8_t> meta, stored, index;
+  if (decoded_meta / 44 > stored_meta) return fail(error, "invalid compressed GM metadata or block index");
   if (!try_resize(meta, decoded_meta) || !try_resize(stored, stored_meta) ||
       !try_resize(index, (std::uint64_t{blocks} + std::uint64_t{samples} * 8) * 4))
     return fail(error, "not enough memory for GM bank");
@@ -169,7 +170,10 @@ bool load_lossless(Source& src, int requested, Bank* b, std::string* error) {
       !metadata_counts(meta.data(), meta.size(), &zc, &sc, &frames) || sc != samples)
     return fail(error, kBadMeta);
   const std::uint64_t pcm_bytes = frames * 2;
-  if (blocks == 0 || pcm_bytes > std::uint64_t{blocks} * block_len || pcm_bytes <= std::uint64_t{blocks - 1} * block_len)
+  // A coded sample takes at least one bit: a claim beyond that is damage, and
+  // is refused before anything that large is allocated.
+  if (pcm_bytes / 17 > size - data_off || blocks == 0 || pcm_bytes > std::uint64_t{blocks} * block_len ||
+      pcm_bytes <= std::uint64_t{blocks - 1} * block_len)
     return fail(error, kBadMeta);
   if (!parse_metadata(meta.data(), meta.size(), frames, b)) return fail(error, kBadMeta);
   // Each sample's reference agrees with its metadata entry.
@@ -254,6 +258,8 @@ bool load_opus(Source& src, int requested, Bank* b, std::string* error) {
   if (crc32(meta.data(), meta.size()) != get32(h + 80) || crc32(index.data(), index.size()) != get32(h + 84))
     return fail(error, "Opus metadata/index checksum mismatch");
   constexpr const char* kBadIndex = "invalid Opus metadata/sample index";
+  // An Opus packet of 3 stored bytes decodes to 120 ms at most.
+  if (frames / 2000 > data.size()) return fail(error, kBadIndex);
   if (!parse_metadata(meta.data(), meta.size(), frames, b) || b->samples.size() != samples) return fail(error, kBadIndex);
   for (std::uint32_t s = 0; s < samples; ++s) {
     const std::uint8_t* e = index.data() + std::uint64_t{s} * kOpusIndexEntry;

@@ -27,10 +27,9 @@ def chunk(tag, body):
     return tag + struct.pack("<I", len(body)) + body + pad
 
 
-def make_sf2(path):
-    frames = RATE
+def make_sf2(path, frames=RATE, click_frames=4800):
     pcm = b"".join(struct.pack("<h", round(16384 * math.sin(2 * math.pi * i / 100))) for i in range(frames))
-    click = b"".join(struct.pack("<h", (i * 37) % 2000 - 1000) for i in range(4800))
+    click = b"".join(struct.pack("<h", (i * 37) % 2000 - 1000) for i in range(click_frames))
     smpl = pcm + b"\0" * 92 + click + b"\0" * 92
     info = chunk(b"LIST", b"INFO" + chunk(b"ifil", struct.pack("<HH", 2, 1)) + chunk(b"INAM", b"test\0\0"))
     sdta = chunk(b"LIST", b"sdta" + chunk(b"smpl", smpl))
@@ -54,7 +53,8 @@ def make_sf2(path):
         return name.ljust(20, b"\0") + struct.pack("<IIIIIBbHH", start, end, ls, le, RATE, pitch, 0, 0, 1)
 
     c0 = frames + 92
-    shdrs = shdr(b"sine", 0, frames, 1000, 43000, 69) + shdr(b"click", c0, c0 + 4800, c0, c0, 60) + \
+    loop = (frames // 4400 * 100, frames * 43 // 4400 * 100)
+    shdrs = shdr(b"sine", 0, frames, loop[0], loop[1], 69) + shdr(b"click", c0, c0 + click_frames, c0, c0, 60) + \
         shdr(b"EOS", 0, 0, 0, 0, 0)
     pdta = chunk(b"LIST", b"pdta" + chunk(b"phdr", phdrs) + chunk(b"pbag", pbag) + chunk(b"pmod", pmod) +
                  chunk(b"pgen", pgen) + chunk(b"inst", inst) + chunk(b"ibag", ibag) + chunk(b"imod", imod) +
