@@ -228,64 +228,73 @@ void render_voice(Voice& v, double* block, unsigned n) {
   const double vib_inc = ch.control[kVibrate] / kRate;
   const double bend = v.bend_cents + ch.control[kDetune];
   const std::int64_t limit = v.loop ? v.loop_end : v.end;
-  for (unsigned i = 0; i < n; ++i) {
-    if (--v.countdown <= 0) {
+  unsigned i = 0;
+  while (i < n) {
+    if (v.countdown <= 0) {
       v.countdown = 16;
       const double cents = v.base_cents + sine(v.vib_phase) * depth * 100 + bend;
-      double step = v.rexp(cents * kLn2 / 1200) * v.src_ratio;
+      const double step = v.rexp(cents * kLn2 / 1200) * v.src_ratio;
       v.step = step < 0.01 ? 0.01 : step > 32 ? 32 : step;
       if (sweep > 0) v.sweep_g = 0.45 + 0.3 * sine(v.age / kRate * 0.35);
     }
-    v.vib_phase += vib_inc;
+    // Up to the next pitch update the step is fixed: the inner loop is the
+    // voice's whole per-sample work.
+    const unsigned run = n - i < static_cast<unsigned>(v.countdown) ? n - i : static_cast<unsigned>(v.countdown);
+    v.countdown -= static_cast<int>(run);
+    v.vib_phase += vib_inc * run;
     if (v.vib_phase >= 1) v.vib_phase -= 1;
-    const std::int64_t k = static_cast<std::int64_t>(v.pos);
-    const double t = v.pos - static_cast<double>(k);
-    double p0, p1, p2, p3;
-    if (k >= 1 && k + 2 < limit) {
-      p0 = v.pcm[k - 1];
-      p1 = v.pcm[k];
-      p2 = v.pcm[k + 1];
-      p3 = v.pcm[k + 2];
-    } else {
-      p0 = at(v, k - 1);
-      p1 = at(v, k);
-      p2 = at(v, k + 1);
-      p3 = at(v, k + 2);
-    }
-    double x = p1 + 0.5 * t * (p2 - p0 + t * (2 * p0 - 5 * p1 + 4 * p2 - p3 + t * (3 * (p1 - p2) + p3 - p0)));
-    // Envelope: attack ramp, fall towards the sustain level, release fall.
-    if (v.released) {
-      v.env *= v.release_mul;
-    } else if (v.attacking) {
-      v.env += v.attack_inc;
-      if (v.env >= 1) {
-        v.env = 1;
-        v.attacking = false;
+    v.age += run;
+    const double step = v.step;
+    const bool may_end = v.released || (!v.attacking && v.sustain < 0.00001);
+    for (const unsigned stop = i + run; i < stop; ++i) {
+      const std::int64_t k = static_cast<std::int64_t>(v.pos);
+      const double t = v.pos - static_cast<double>(k);
+      double p0, p1, p2, p3;
+      if (k >= 1 && k + 2 < limit) {
+        p0 = v.pcm[k - 1];
+        p1 = v.pcm[k];
+        p2 = v.pcm[k + 1];
+        p3 = v.pcm[k + 2];
+      } else {
+        p0 = at(v, k - 1);
+        p1 = at(v, k);
+        p2 = at(v, k + 1);
+        p3 = at(v, k + 2);
       }
-    } else if (v.decay_mul < 1) {
-      v.env = v.sustain + (v.env - v.sustain) * v.decay_mul;
-    }
-    x *= v.env;
-    if (sweep > 0) {
-      const double g = v.sweep_g;
-      double y = x;
-      for (double& s : v.lp) y = s += g * (y - s);
-      x = x * (1 - sweep) + y * sweep;
-    }
-    if (dull) x = v.bright_state += bright_c * (x - v.bright_state);
-    block[2 * i] += x * gl;
-    block[2 * i + 1] += x * gr;
-    v.age += 1;
-    v.pos += v.step;
-    if (v.loop) {
-      while (v.pos >= static_cast<double>(v.loop_end)) v.pos -= static_cast<double>(v.loop_end - v.loop_start);
-    } else if (v.pos >= static_cast<double>(v.end)) {
-      v.active = false;
-      return;
-    }
-    if ((v.released || (!v.attacking && v.sustain < 0.00001)) && v.env < 0.00001) {
-      v.active = false;
-      return;
+      double x = p1 + 0.5 * t * (p2 - p0 + t * (2 * p0 - 5 * p1 + 4 * p2 - p3 + t * (3 * (p1 - p2) + p3 - p0)));
+      // Envelope: attack ramp, fall towards the sustain level, release fall.
+      if (v.released) {
+        v.env *= v.release_mul;
+      } else if (v.attacking) {
+        v.env += v.attack_inc;
+        if (v.env >= 1) {
+          v.env = 1;
+          v.attacking = false;
+        }
+      } else if (v.decay_mul < 1) {
+        v.env = v.sustain + (v.env - v.sustain) * v.decay_mul;
+      }
+      x *= v.env;
+      if (sweep > 0) {
+        const double g = v.sweep_g;
+        double y = x;
+        for (double& s : v.lp) y = s += g * (y - s);
+        x = x * (1 - sweep) + y * sweep;
+      }
+      if (dull) x = v.bright_state += bright_c * (x - v.bright_state);
+      block[2 * i] += x * gl;
+      block[2 * i + 1] += x * gr;
+      v.pos += step;
+      if (v.loop) {
+        while (v.pos >= static_cast<double>(v.loop_end)) v.pos -= static_cast<double>(v.loop_end - v.loop_start);
+      } else if (v.pos >= static_cast<double>(v.end)) {
+        v.active = false;
+        return;
+      }
+      if (may_end && v.env < 0.00001) {
+        v.active = false;
+        return;
+      }
     }
   }
 }
