@@ -131,7 +131,20 @@ class SdlAudio final : public AudioDevice {
 // The factory the Linux entry point installs: none when SDL finds no sound card.
 AudioDevice* make_sdl_audio() {
   if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) return nullptr;
-  if (SDL_GetNumAudioDevices(0) <= 0 && SDL_GetCurrentAudioDriver() == nullptr) return nullptr;
+  // A driver without a device behind it (ALSA with no card) is no device:
+  // one trial open tells.
+  SDL_AudioSpec want{}, got{};
+  want.freq = 48000;
+  want.format = AUDIO_S16SYS;
+  want.channels = 2;
+  want.samples = 512;
+  want.callback = nullptr;
+  const SDL_AudioDeviceID trial = SDL_OpenAudioDevice(nullptr, 0, &want, &got, SDL_AUDIO_ALLOW_ANY_CHANGE);
+  if (trial == 0) {
+    SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    return nullptr;
+  }
+  SDL_CloseAudioDevice(trial);
   return new SdlAudio();
 }
 
