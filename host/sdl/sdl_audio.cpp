@@ -140,10 +140,9 @@ AudioDevice* make_sdl_audio() {
   want.samples = 512;
   want.callback = nullptr;
   const SDL_AudioDeviceID trial = SDL_OpenAudioDevice(nullptr, 0, &want, &got, SDL_AUDIO_ALLOW_ANY_CHANGE);
-  if (trial == 0) {
-    SDL_QuitSubSystem(SDL_INIT_AUDIO);
-    return nullptr;
-  }
+  // The subsystem stays initialised either way: quitting it after a failed
+  // probe loses memory inside SDL, and the answer is kept for the session.
+  if (trial == 0) return nullptr;
   SDL_CloseAudioDevice(trial);
   return new SdlAudio();
 }

@@ -450,6 +450,44 @@ TEST_F(SoundVoice, VoiceLimitAndKits) {
   EXPECT_EQ(active_voices(), 0);
 }
 
+TEST_F(SoundVoice, ExpressiveKeysStrikeUpdateAndRelease) {
+  auto key = [](double pitch, double pressure, double x, int gate) {
+    Command c;
+    c.kind = kCmdKey;
+    c.channel = 2;
+    c.key = 40000;
+    c.pitch = pitch;
+    c.pressure = pressure;
+    c.x = x;
+    c.y = 1;
+    c.gate = static_cast<std::uint8_t>(gate);
+    ASSERT_TRUE(post(c));
+  };
+  // A quarter tone above A: the fraction of the pitch bends the note.
+  key(69.5, 1, 0, 1);
+  std::vector<double> s = run(48000);
+  EXPECT_NEAR(frequency(s, 4800, 48000), 440.0 * std::pow(2.0, 0.5 / 12), 0.1);
+  const double level = rms(s, 0, 4800, 48000);
+  // Gate 1 again moves the same voice: no second strike, and half the
+  // pressure halves the level; x = 1 pans it right.
+  key(81, 0.5, 0, 1);
+  s = run(48000);
+  EXPECT_EQ(active_voices(), 1);
+  EXPECT_NEAR(frequency(s, 4800, 48000), 880.0, 0.1);
+  EXPECT_NEAR(rms(s, 0, 4800, 48000) / level, 0.5, 0.01);
+  key(81, 0.5, 1, 1);
+  s = run(9600);
+  EXPECT_GT(rms(s, 1, 4800, 9600), 3 * rms(s, 0, 4800, 9600));
+  // Gate 0 releases it; NOTEOFF of the same note number leaves key voices alone.
+  key(69, 1, 0, 1);
+  send(kCmdNoteOff, 2, 69);
+  (void)run(4800);
+  EXPECT_EQ(active_voices(), 1);
+  key(69, 0, 0, 0);
+  (void)run(48000);
+  EXPECT_EQ(active_voices(), 0);
+}
+
 TEST(SoundNames, TablesAndGroups) {
   EXPECT_STREQ(program_name(0), "Acoustic Grand Piano");
   EXPECT_STREQ(program_name(80), "Lead 1 (square)");
