@@ -15,6 +15,7 @@
 #include "host/platform.h"
 #include "jit/jit.h"
 #include "net/net.h"
+#include "sound/sound.h"
 #include "tools/tools.h"
 #include "values/eval.h"
 
@@ -146,6 +147,7 @@ const NamedGroup kNamedGroups[] = {
     {files::kFileNamed, files::kFileNamedCount},
     {jit::kJitNamed, 1},
     {net::kNetNamed, net::kNetNamedCount},
+    {sound::kSoundNamed, sound::kSoundNamedCount},
 };
 
 Handler find_named(const char* name) {

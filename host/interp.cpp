@@ -15,6 +15,7 @@
 #include "host/shell.h"
 #include "host/ui.h"
 #include "net/net.h"
+#include "sound/sound.h"
 #include "screen/console.h"
 #include "screen/graphics_statements.h"
 #include "screen/lineedit.h"
@@ -133,6 +134,7 @@ void interpreter_thread() {
   core::init_interpreter();
   files::install_hooks();
   net::install_hooks();
+  sound::install_hooks();
   screen::install_graphics_hooks();
   tools::install_hooks();
   // Whatever way this thread ends, open files are closed and nothing written is lost.
@@ -141,6 +143,7 @@ void interpreter_thread() {
       files::close_all();
       net::close_all_slots();
       host::net_shutdown();
+      sound::shutdown();
     }
   } close_files_at_end;
   screen::reset_console();

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "host/audio.h"
 #include "host/cp437.h"
 #include "host/frontend.h"
 #include "host/headless/headless.h"
@@ -29,6 +30,7 @@ int main(int argc, char** argv) {
       break;
   }
   std::signal(SIGPIPE, SIG_IGN);
+  host::make_system_audio = host::make_sdl_audio;
   std::unique_ptr<host::Frontend> fe;
   if (!host::shell.headless) {
     fe.reset(host::make_sdl_frontend());
@@ -51,6 +53,10 @@ int main(int argc, char** argv) {
       if (!cwd.empty()) words[1] = host::utf8_to_utf16(cwd + "/" + name);
     }
   }
+  // SDL keeps its error text per thread and never frees it for threads it did
+  // not make: the sound card is probed here, on the main thread, which lives
+  // to the end.
+  if (host::shell.audio_out.empty() && (!host::shell.headless || host::shell.audio_system)) (void)host::audio_device();
   const int code = host::run_system(*fe, words);
   // An interpreter thread that did not end may still call the front end.
   if (host::ui) (void)fe.release();

@@ -9,7 +9,8 @@
 namespace host {
 
 const char* const kUsage =
-    "Usage: tambril [--headless] [--batch] [--no-banner] [--screenshot FILE] [file.bas [args...]]\n"
+    "Usage: tambril [--headless] [--batch] [--no-banner] [--screenshot FILE] [--audio-out FILE.wav]\n"
+    "               [--audio-format float32|pcm24|pcm16] [--audio-system] [file.bas [args...]]\n"
     "       tambril --version | --help\n"
     "\n"
     "  --headless         no window: at a terminal a full-screen text session;\n"
@@ -18,6 +19,10 @@ const char* const kUsage =
     "                     untrapped error) instead of showing \"Ready.\"\n"
     "  --no-banner        skip the banner (the start-up \"Ready.\" still comes)\n"
     "  --screenshot FILE  at exit, write the framebuffer as PNG (or BMP by extension)\n"
+    "  --audio-out FILE   the sound goes to a 48 kHz stereo WAV file, in real time\n"
+    "  --audio-format F   the best format that WAV file takes (the engine tries float32,\n"
+    "                     then pcm24, then pcm16)\n"
+    "  --audio-system     use the sound card in a headless session too\n"
     "  --version          print the version\n"
     "  --help             print this text\n";
 
@@ -58,6 +63,22 @@ OptionResult take_options(std::vector<std::u16string>& words, std::string* messa
         return OptionResult::ExitUsage;
       }
       shell.screenshot = utf16_to_utf8(words[++i]);
+    } else if (w == "--audio-out") {
+      if (i + 1 >= words.size()) {
+        *message = "--audio-out needs a file name\n" + std::string(kUsage);
+        return OptionResult::ExitUsage;
+      }
+      shell.audio_out = utf16_to_utf8(words[++i]);
+    } else if (w == "--audio-format") {
+      const std::string f = i + 1 < words.size() ? utf16_to_utf8(words[i + 1]) : "";
+      if (f != "float32" && f != "pcm24" && f != "pcm16") {
+        *message = "--audio-format needs float32, pcm24 or pcm16\n" + std::string(kUsage);
+        return OptionResult::ExitUsage;
+      }
+      shell.audio_best = f == "float32" ? 0 : f == "pcm24" ? 1 : 2;
+      ++i;
+    } else if (w == "--audio-system") {
+      shell.audio_system = true;
     } else if (w == "--version") {
       *message = "Tambril BASIC 3.4.1\n";
       return OptionResult::ExitOk;

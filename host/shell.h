@@ -40,6 +40,12 @@ struct Shell {
   bool batch = false;
   bool no_banner = false;
   std::string screenshot;
+  // Sound device: a WAV file (--audio-out), the sound card even when
+  // headless (--audio-system), and the best format the WAV file accepts
+  // (--audio-format: 0 float32, 1 PCM24, 2 PCM16).
+  std::string audio_out;
+  bool audio_system = false;
+  int audio_best = 0;
   // Process exit code requested by the interpreter (SYSTEM, --batch errors).
   std::atomic<int> exit_code{0};
 };

@@ -187,8 +187,11 @@ static void echo(std::uint8_t c) {
   if (!con.echo_suppressed && host::ui) host::ui->console_echo(c);
 }
 
+bool (*engine_bell)() = nullptr;
+
 void bell() {
-  // The audio engine takes the beep once it exists; until then the host beeps.
+  // The audio engine takes the beep when it can sound; otherwise the host beeps.
+  if (engine_bell && engine_bell()) return;
   if (host::ui) host::ui->beep(800, 200);
 }
 

@@ -54,6 +54,8 @@ Region text_region();
 void put_char(std::uint8_t c);
 // BEL's sound, without moving the cursor (CHR$(7) and BEEP).
 void bell();
+// The audio engine's beep; false when it cannot sound (the host beeps then).
+extern bool (*engine_bell)();
 void put_text(const char* s);
 void put_line(const char* s);  // text, then CR
 // Error messages, "Break" and "Ready." start at the region's left column.

@@ -3,8 +3,10 @@
 # Usage: scripts/deps.sh run|test|windows
 set -euo pipefail
 case "${1:-run}" in
-  run) want=(build-essential cmake ninja-build pkg-config libsdl2-dev libcurl4-openssl-dev python3) ;;
+  run) want=(build-essential cmake ninja-build pkg-config libsdl2-dev libcurl4-openssl-dev python3
+             libopus-dev libogg-dev libopusfile-dev fluid-soundfont-gm) ;;
   test) want=(build-essential cmake ninja-build pkg-config libsdl2-dev libcurl4-openssl-dev python3
+              libopus-dev libogg-dev libopusfile-dev fluid-soundfont-gm
               libgtest-dev xvfb xauth x11-apps x11-utils xdotool clang libclang-rt-14-dev tmux) ;;
   windows) want=(cmake ninja-build python3 g++-mingw-w64-x86-64-posix wine wine64
                  xvfb x11-utils x11-apps xdotool) ;;

@@ -456,7 +456,10 @@ const HelpEntry kHelpEntries[] = {
      nullptr},
     {"GPRINT", "CONSOLE", "GPRINT x, y, text$",
      "Draw text at a pixel position in the current colours, without moving the text cursor.", nullptr},
-    {"BEEP", "CONSOLE", "BEEP", "Sound the bell, as PRINT CHR$(7).", nullptr},
+    {"BEEP", "CONSOLE", "BEEP",
+     "Sound the bell, as PRINT CHR$(7): an 800 Hz beep of 200 ms through the sound engine, or the system's "
+     "own beep when there is no sound device.",
+     nullptr},
     {"CAPTURE", "CONSOLE", "CAPTURE TO var$ | CAPTURE TO FILE name$ | CAPTURE OFF",
      "Divert console output into a string variable or a file until CAPTURE OFF or the end of the command; "
      "a string capture holds at most 64 MiB.",
@@ -587,38 +590,58 @@ const HelpEntry kHelpEntries[] = {
     // ---------------------------------------------------------------- AUDIO
     {"SOUND", "AUDIO",
      "SOUND ON | SOUND OFF | SOUND RESET | SOUND INFO | SOUND PRELOAD [workers] | SOUND GROUPS | "
-     "SOUND LIST [group] | SOUND MASTER value",
-     "The sound engine: ON and OFF start and stop it (\"Tambril Sound ON.\", \"Tambril Sound OFF.\"); RESET "
-     "resets channels and voices; INFO prints the TAMBRIL SOUND report; PRELOAD loads the GM bank now (workers "
-     "0 automatic, 1 serial, 2..8 a cap on decoder threads); GROUPS lists the 17 instrument groups and LIST "
-     "one group's members; MASTER sets the master gain.",
+     "SOUND LIST [group] | SOUND MASTER value | SOUND frequency, duration",
+     "The sound engine: ON and OFF start and stop it (\"Tambril Sound ON.\", \"Tambril Sound OFF.\"; without "
+     "a device \"No PCM sound backend is available on this system.\"); after OFF the statements change the "
+     "channels only, until ON. RESET silences every voice and resets the channels and the master gain; INFO "
+     "prints the TAMBRIL SOUND report (device, output format, queue statistics, the bank's form and sizes when "
+     "loaded, voices, DSP load) and never loads the bank; PRELOAD loads the GM bank now (workers 0 automatic, "
+     "1 serial, 2..8 a cap on decoder threads; else \"SOUND PRELOAD workers must be 0..8\"); GROUPS lists the "
+     "17 instrument groups and LIST one group's members, or all (group 0..16, else \"GM group must be 0..16\"; "
+     "an id missing from the loaded bank is marked \"[not in loaded bank]\"); MASTER sets the master gain "
+     "(0..8, 1 at start). The classic form beeps at frequency Hz (37..32767) for duration clock ticks "
+     "(18.2 a second).",
      nullptr},
     {"INSTRUMENT", "AUDIO", "INSTRUMENT channel,id[,engine]",
      "Select the instrument of a note channel (0..31): id 0..127 are the General MIDI programs, 128..131 the "
-     "drum kits. The only engine is 2, \"GM\" or \"WAVETABLE\".",
+     "drum kits (Standard, Room, Power, Electronic). The only engine is 2, \"GM\" or \"WAVETABLE\"; anything "
+     "else is \"Only wavetable playback is available; omit the engine argument\".",
      nullptr},
-    {"NOTE", "AUDIO", "NOTE channel,note[,velocity]", "Note on; note and velocity 0..127.", nullptr},
-    {"NOTEOFF", "AUDIO", "NOTEOFF channel,note", "Release a note.", nullptr},
+    {"NOTE", "AUDIO", "NOTE channel,note[,velocity]",
+     "Note on (note and velocity 0..127, velocity 100 when omitted) with the channel's instrument; on a kit "
+     "the note picks the drum. The first note loads the GM bank and starts the engine. \"GM instrument "
+     "unavailable\" when the bank or the instrument is missing (SOUND INFO tells why). The same note struck "
+     "again on its channel releases the earlier one.",
+     nullptr},
+    {"NOTEOFF", "AUDIO", "NOTEOFF channel,note",
+     "Release a note: it falls 60 dB in the instrument's release time (longer with SOUNDCTL RELEASE).", nullptr},
     {"SOUNDCTL", "AUDIO", "SOUNDCTL channel,control,value",
-     "A live control of a channel, by number 0..24 or by name: VOLUME, PAN, BRIGHTNESS, DAMPING, ATTACK, "
-     "RELEASE, PRESSURE, TIMBRE, NOISE, VIBRATO, VIBRATE, BODY, HARDNESS, BREATH, REED, BOW, BAG, DETUNE, "
-     "SPREAD, POSITION, RESONANCE, DRIVE, AIR, MUTE, DRONES.",
+     "A live control of a channel, by number 0..24 or by name in any case: VOLUME (gain, 1), PAN (-1 left .. 1 "
+     "right), BRIGHTNESS (0..1, a low-pass below 1), DAMPING, ATTACK (seconds, at least), RELEASE (r above "
+     "0.001 stretches the release time by min(10, r / 0.45)), PRESSURE (gain, 1), TIMBRE (0..1, the slow "
+     "timbre sweep), NOISE, VIBRATO (depth in semitones), VIBRATE (rate in Hz, 5.5), BODY, HARDNESS, BREATH, "
+     "REED, BOW, BAG, DETUNE (cents), SPREAD, POSITION, RESONANCE, DRIVE, AIR, MUTE (non-zero silences), "
+     "DRONES. The others belonged to modelled instruments and do nothing to wavetable voices. \"Unknown sound "
+     "control\" for another name; a channel above 31 or a number above 24 is \"Illegal function call\".",
      nullptr},
     {"SOUNDKEY", "AUDIO", "SOUNDKEY channel,key,pitch,pressure,x,y,gate",
-     "Expressive key: key 0..65535, fractional pitch 0..127, pressure 0..1, x and y -1..1 (x timbre and pan, "
-     "y brightness); gate 1 strikes, a repeated gate 1 updates without a new strike, gate 0 releases.",
+     "Expressive key: key 0..65535, fractional pitch 0..127, pressure 0..1 (the level), x and y -1..1 (x timbre "
+     "and pan, y brightness); gate 1 strikes, a repeated gate 1 updates pitch, pressure, x and y without a new "
+     "strike, gate 0 releases.",
      nullptr},
     {"SOUNDPRESENT", "AUDIO", "SOUNDPRESENT()", "-1 when a sound device exists, else 0.", nullptr},
-    {"SOUNDACTIVE", "AUDIO", "SOUNDACTIVE()", "The number of sounding note voices.", nullptr},
+    {"SOUNDACTIVE", "AUDIO", "SOUNDACTIVE()", "The number of sounding note voices (256 at most).", nullptr},
     {"SOUNDLOAD", "AUDIO", "SOUNDLOAD()",
-     "The render time as a percentage of the 128-frame block's deadline.", nullptr},
+     "The render time as a percentage of its deadline, smoothed; 0 while the engine is stopped.", nullptr},
     {"SOUNDNAME$", "AUDIO", "SOUNDNAME$(id[,engine])",
      "The General MIDI name of instrument id (0..131); never loads the bank.", nullptr},
     {"SOUNDAVAILABLE", "AUDIO", "SOUNDAVAILABLE(id)",
-     "-1 when the GM bank holds instrument id (loading the bank when needed).", nullptr},
+     "-1 when the GM bank holds instrument id (loading the bank when needed), else 0.", nullptr},
     {"SOUNDGROUP", "AUDIO", "SOUNDGROUP(id[,engine])",
-     "The instrument group (0..16) of instrument id.", nullptr},
-    {"SOUNDGROUP$", "AUDIO", "SOUNDGROUP$(group)", "The name of an instrument group.", nullptr},
+     "The instrument group of instrument id: 0..15 the General MIDI families of eight, 16 the drum kits.", nullptr},
+    {"SOUNDGROUP$", "AUDIO", "SOUNDGROUP$(group)",
+     "The name of an instrument group 0..16 (\"Piano\" .. \"Drum Kits\"); else \"GM group must be 0..16\".",
+     nullptr},
 
     // ---------------------------------------------------------------- MIDI
     {"LOADMID", "MIDI", "LOADMID slot,filename$",

@@ -13,6 +13,7 @@
 #include "files/file_functions.h"
 #include "host/platform.h"
 #include "net/net.h"
+#include "sound/sound.h"
 #include "host/shell.h"
 #include "host/sysinfo.h"
 #include "host/ui.h"
@@ -755,6 +756,7 @@ const BuiltinGroup kGroups[] = {
     {screen::kGraphicsFunctions, screen::kGraphicsFunctionCount},
     files::file_builtins(),
     net::net_builtins(),
+    sound::sound_builtins(),
     tools::tool_builtins(),
     host::sysinfo_builtins(),
 };

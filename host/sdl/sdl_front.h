@@ -5,4 +5,7 @@
 namespace host {
 // nullptr when SDL's video cannot start (no display).
 Frontend* make_sdl_frontend();
+// The sound card through SDL2 audio; nullptr when SDL finds none.
+class AudioDevice;
+AudioDevice* make_sdl_audio();
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "host/audio.h"
 #include "host/cp437.h"
 #include "host/frontend.h"
 #include "host/headless/headless.h"
@@ -88,6 +89,7 @@ int run(int show_command) {
     case host::OptionResult::Run:
       break;
   }
+  host::make_system_audio = host::make_waveout_audio;
   if (host::shell.headless) {
     connect_std_streams();
     ConsoleCodePages pages;
