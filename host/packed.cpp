@@ -189,8 +189,9 @@ struct FileCloser {
 using File = std::unique_ptr<std::FILE, FileCloser>;
 
 // The bank a new executable gets: the one this executable carries, else
-// TAMBRIL_GM.QZGM in the current directory (where BASIC file names resolve),
-// else beside the executable (where the sound engine finds it).
+// TAMBRIL_GM.QZGM in the current directory, where BASIC file names resolve. The
+// copy beside the interpreter is deliberately not taken: what goes into the
+// user's program is what the user put next to it.
 struct BankSource {
   File file;
   std::uint64_t offset = 0, length = 0;
@@ -201,19 +202,13 @@ bool choose_bank(const PackedImage& running, BankSource* bank) {
     bank->length = running.bank_length;
     return true;
   }
-  std::string beside = shell.module_dir;
-  if (!beside.empty() && beside.back() != path_separator()) beside += path_separator();
-  for (const std::string& name : {std::string(kBankFileName), beside + kBankFileName}) {
-    if (path_kind(name) != 1) continue;
-    File f(open_file(name, "rb"));
-    const std::int64_t n = f ? file_length(f.get()) : -1;
-    if (n > 0) {
-      bank->file = std::move(f);
-      bank->length = static_cast<std::uint64_t>(n);
-      return true;
-    }
-  }
-  return false;
+  if (path_kind(kBankFileName) != 1) return false;
+  File f(open_file(kBankFileName, "rb"));
+  const std::int64_t n = f ? file_length(f.get()) : -1;
+  if (n <= 0) return false;
+  bank->file = std::move(f);
+  bank->length = static_cast<std::uint64_t>(n);
+  return true;
 }
 
 // Copies `length` bytes at `offset` of `from` to the end of `to`.

@@ -812,7 +812,7 @@ const HelpEntry kHelpEntries[] = {
      "line goes to the program (COMMANDLINEARG$), except --headless, --batch, --no-banner and --screenshot at "
      "the start. A name without extension gets \".exe\" on Windows (none on Linux). The General MIDI bank "
      "goes in too unless NOGM is given: the bank this executable carries, else TAMBRIL_GM.QZGM in the current "
-     "directory or beside the interpreter. Prints \"Created \" and the name, then \"(Tambril GM bank "
+     "directory. Prints \"Created \" and the name, then \"(Tambril GM bank "
      "embedded)\" or \"(no GM bank embedded)\". Direct mode only (\"Illegal direct\"); \"No program\" "
      "without lines.",
      nullptr},
