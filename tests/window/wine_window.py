@@ -176,6 +176,7 @@ def main():
     ap.add_argument("--runner", default="wine")
     ap.add_argument("--font", required=True, help="screen/font8x16.cpp")
     ap.add_argument("--timeout", type=float, default=90)
+    ap.add_argument("--wine-server", default="", help="script that restarts the Wine prefix's server")
     a = ap.parse_args()
     runner = shlex.split(a.runner)
     a.exe = os.path.abspath(a.exe)
@@ -196,6 +197,8 @@ def main():
 
     xvfb, display = start_xvfb()
     env["DISPLAY"] = display
+    if a.wine_server:
+        subprocess.run([a.wine_server], env=env, timeout=120)
     app = None
     failures = []
     try:
@@ -257,6 +260,8 @@ def main():
             app.wait()
         xvfb.terminate()
         xvfb.wait()
+        if a.wine_server:
+            subprocess.run([a.wine_server], env=dict(env, DISPLAY=""), timeout=120)
     for f in failures:
         print(f)
     if not failures:

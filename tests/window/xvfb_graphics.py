@@ -54,10 +54,13 @@ def main():
     ap.add_argument("--exe", required=True)
     ap.add_argument("--runner", default="")
     ap.add_argument("--timeout", type=float, default=90)
+    ap.add_argument("--wine-server", default="", help="script that restarts the Wine prefix's server")
     a = ap.parse_args()
     xvfb, display = start_xvfb()
     env = dict(os.environ, DISPLAY=display, SDL_VIDEODRIVER="x11", SDL_AUDIODRIVER="dummy")
     env.setdefault("WINEDEBUG", "-all")
+    if a.wine_server:
+        subprocess.run([a.wine_server], env=env, timeout=120)
     app = None
     failures = []
     with tempfile.TemporaryDirectory(prefix="tambril-xvfb-") as scratch:
@@ -137,6 +140,8 @@ def main():
                 app.kill()
             xvfb.terminate()
             xvfb.wait()
+            if a.wine_server:
+                subprocess.run([a.wine_server], env=dict(env, DISPLAY=""), timeout=120)
     return report(failures)
 
 
