@@ -50,7 +50,7 @@ std::string vendor() {
 // The deterministic cache parameters of leaf 4 (Intel) and 0x8000001D (AMD)
 // share one layout: sub-leaves until a null type.
 bool deterministic_caches(unsigned leaf, std::vector<CacheLevel>* out) {
-  if (__get_cpuid_max(leaf & 0x80000000u, nullptr) < leaf) return false;
+  if (static_cast<unsigned>(__get_cpuid_max(leaf & 0x80000000u, nullptr)) < leaf) return false;
   for (unsigned sub = 0; sub < 16; ++sub) {
     unsigned a, b, c, d;
     __cpuid_count(leaf, sub, a, b, c, d);
@@ -68,7 +68,7 @@ bool deterministic_caches(unsigned leaf, std::vector<CacheLevel>* out) {
 
 std::string cpu_brand() {
   unsigned regs[12];
-  if (__get_cpuid_max(0x80000000u, nullptr) >= 0x80000004u) {
+  if (static_cast<unsigned>(__get_cpuid_max(0x80000000u, nullptr)) >= 0x80000004u) {
     for (unsigned i = 0; i < 3; ++i) __get_cpuid(0x80000002u + i, &regs[4 * i], &regs[4 * i + 1], &regs[4 * i + 2], &regs[4 * i + 3]);
     char text[49];
     std::memcpy(text, regs, 48);
@@ -91,12 +91,12 @@ std::vector<CacheLevel> cpu_caches() {
   std::vector<CacheLevel> out;
   if (deterministic_caches(4, &out) || deterministic_caches(0x8000001Du, &out)) return out;
   unsigned a = 0, b = 0, c = 0, d = 0;
-  if (__get_cpuid_max(0x80000000u, nullptr) >= 0x80000005u) {
+  if (static_cast<unsigned>(__get_cpuid_max(0x80000000u, nullptr)) >= 0x80000005u) {
     __get_cpuid(0x80000005u, &a, &b, &c, &d);
     if (c >> 24) out.push_back({1, 'd', static_cast<std::uint64_t>(c >> 24) << 10});
     if (d >> 24) out.push_back({1, 'i', static_cast<std::uint64_t>(d >> 24) << 10});
   }
-  if (__get_cpuid_max(0x80000000u, nullptr) >= 0x80000006u) {
+  if (static_cast<unsigned>(__get_cpuid_max(0x80000000u, nullptr)) >= 0x80000006u) {
     __get_cpuid(0x80000006u, &a, &b, &c, &d);
     if (c >> 16) out.push_back({2, 'u', static_cast<std::uint64_t>(c >> 16) << 10});
     if (d >> 18) out.push_back({3, 'u', static_cast<std::uint64_t>(d >> 18) << 19});

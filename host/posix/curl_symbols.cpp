@@ -3,8 +3,7 @@
 // fails and HTTPGET$ reports the failure like any other.
 #include <curl/curl.h>
 
-#include <cstdarg>
-
+#include "host/posix/curl_symbols.h"
 #include "host/posix/lazy_library.h"
 
 namespace {
@@ -30,26 +29,27 @@ CURL_FORWARD(CURLMcode, curl_multi_poll,
 CURL_FORWARD(CURLMsg*, curl_multi_info_read, (CURLM * multi, int* left), (multi, left), nullptr)
 CURL_FORWARD(const char*, curl_multi_strerror, (CURLMcode code), (code), "libcurl is not installed")
 
-// curl_easy_setopt takes one more argument whose type the option's number
-// range says; it is passed on with that type.
-#undef curl_easy_setopt
-extern "C" CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
-  using Fn = CURLcode (*)(CURL*, CURLoption, ...);
-  static const Fn fn = reinterpret_cast<Fn>(curl.symbol("curl_easy_setopt"));
-  if (!fn) return CURLE_FAILED_INIT;
-  std::va_list ap;
-  va_start(ap, option);
-  CURLcode result;
-  const int kind = option / 10000 * 10000;
-  if (kind == CURLOPTTYPE_LONG) {
-    result = fn(handle, option, va_arg(ap, long));
-  } else if (kind == CURLOPTTYPE_OFF_T) {
-    result = fn(handle, option, va_arg(ap, curl_off_t));
-  } else if (kind == CURLOPTTYPE_FUNCTIONPOINT) {
-    result = fn(handle, option, va_arg(ap, void (*)()));
-  } else {
-    result = fn(handle, option, va_arg(ap, void*));
-  }
-  va_end(ap);
-  return result;
+static_assert(sizeof(curl_off_t) == sizeof(long), "curl_off_t options go through the long overload");
+
+namespace {
+using SetOpt = CURLcode (*)(CURL*, CURLoption, ...);
+
+SetOpt setopt() {
+  static const SetOpt fn = reinterpret_cast<SetOpt>(curl.symbol("curl_easy_setopt"));
+  return fn;
 }
+}  // namespace
+
+namespace host {
+
+CURLcode curl_option(CURL* handle, CURLoption option, long value) {
+  const SetOpt fn = setopt();
+  return fn ? fn(handle, option, value) : CURLE_FAILED_INIT;
+}
+
+CURLcode curl_option(CURL* handle, CURLoption option, const void* value) {
+  const SetOpt fn = setopt();
+  return fn ? fn(handle, option, value) : CURLE_FAILED_INIT;
+}
+
+}  // namespace host

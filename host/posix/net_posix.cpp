@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "host/net.h"
+#include "host/posix/curl_symbols.h"
 #include "host/platform.h"
 
 namespace host {
@@ -89,20 +90,20 @@ NetFault http_get(const std::string& url, std::uint64_t timeout_ms, std::size_t 
     *detail = "libcurl could not start a transfer";
     return NetFault::other;
   }
-  curl_easy_setopt(e, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
-  curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 0L);
-  curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout_ms));
-  curl_easy_setopt(e, CURLOPT_BUFFERSIZE, 256L * 1024);
-  curl_easy_setopt(e, CURLOPT_USERAGENT, "Tambril BASIC 3.4.1");
-  curl_easy_setopt(e, CURLOPT_ERRORBUFFER, error);
-  curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, on_header);
-  curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
-  curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, on_body);
-  curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
+  host::curl_option(e, CURLOPT_URL, url.c_str());
+  host::curl_option(e, CURLOPT_PROTOCOLS_STR, "http,https");
+  host::curl_option(e, CURLOPT_FOLLOWLOCATION, 0L);
+  host::curl_option(e, CURLOPT_NOSIGNAL, 1L);
+  host::curl_option(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout_ms));
+  host::curl_option(e, CURLOPT_BUFFERSIZE, 256L * 1024);
+  host::curl_option(e, CURLOPT_USERAGENT, "Tambril BASIC 3.4.1");
+  host::curl_option(e, CURLOPT_ERRORBUFFER, error);
+  host::curl_option(e, CURLOPT_HEADERFUNCTION, reinterpret_cast<const void*>(on_header));
+  host::curl_option(e, CURLOPT_HEADERDATA, &t);
+  host::curl_option(e, CURLOPT_WRITEFUNCTION, reinterpret_cast<const void*>(on_body));
+  host::curl_option(e, CURLOPT_WRITEDATA, &t);
   // A known length past the limit is refused before any body byte is read.
-  curl_easy_setopt(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(limit));
+  host::curl_option(e, CURLOPT_MAXFILESIZE_LARGE, static_cast<long>(limit));
   curl_multi_add_handle(m, e);
 
   NetFault f = NetFault::none;
