@@ -553,6 +553,9 @@ bool compiled_execution_allowed() {
   return !trace_on && breakpoint_count == 0 && on_break_line == 0 && !exec.stepping && exec.if_depth == 0 &&
          exec.line != kDirect && !after_statement && !debug_request;
 }
+bool tracing_active() { return trace_on || after_statement; }
+bool breakpoints_active() { return breakpoint_count > 0; }
+std::uint32_t on_break_target() { return on_break_line; }
 int gosub_depth() { return gosub_sp; }
 int for_depth() { return for_sp; }
 int while_depth() { return while_sp; }

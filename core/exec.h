@@ -128,6 +128,10 @@ extern bool (*offer_compiled_region)(const Token*& t);
 // control stack, and pushing the loops and GOSUBs that native code had open
 // when it hands control back, exactly as the interpreter would have left them.
 bool compiled_execution_allowed();
+// The parts of that test PARFOR explains one by one.
+bool tracing_active();          // TRON or TRACE watches
+bool breakpoints_active();
+std::uint32_t on_break_target();  // 0: none
 int gosub_depth();
 int for_depth();
 int while_depth();

@@ -14,6 +14,7 @@
 #include "host/packed.h"
 #include "host/platform.h"
 #include "jit/jit.h"
+#include "jit/parfor.h"
 #include "net/net.h"
 #include "sound/sound.h"
 #include "tools/tools.h"
@@ -78,6 +79,7 @@ constexpr HandlerTable make_table() {
   table[KW_MERGE] = stmt_merge;
   table[KW_SAVE] = stmt_save;
   table[KW_CREATEEXE] = host::stmt_createexe;
+  table[KW_PARFOR] = jit::stmt_parfor;
   table[KW_NEW] = stmt_new;
   table[KW_DELETE] = stmt_delete;
   table[KW_EDIT] = stmt_edit;

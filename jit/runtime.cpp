@@ -15,6 +15,7 @@
 #include "core/statements.h"
 #include "host/shell.h"
 #include "jit/native.h"
+#include "jit/parfor.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
 #include "values/arrays.h"
@@ -278,6 +279,7 @@ void install() {
 }
 
 bool enabled() { return jit_on; }
+std::uint32_t current_mode_word() { return mode_word(); }
 std::size_t region_count() { return regions.size(); }
 
 // --- helpers called from generated code ------------------------------------
@@ -329,6 +331,7 @@ int helper_statement(NativeFrame*, const core::Token* t, int stmt) {
 }
 
 int helper_poll(NativeFrame*) {
+  if (parfor_active) return parfor_poll();
   if (host::stop_requested() || core::event_pending.load(std::memory_order_relaxed) || screen::keys.has_break() ||
       screen::keys.debugger_request.load(std::memory_order_relaxed)) {
     core::exec.counter = 255;  // the run loop looks at the break key at once
