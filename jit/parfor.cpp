@@ -911,9 +911,10 @@ void stmt_parfor(const Token*& t) {
   l.first = l.header_line + 1;
   t = header;
   while (!at_end(t)) ++t;
-  // Continue behind the NEXT, whatever happens to the iterations.
-  core::resume_at(l.next_line, l.after_pos, 0);
-  if (s0 > s1) return;
+  if (s0 > s1) {
+    core::resume_at(l.next_line, l.after_pos, 0);
+    return;
+  }
   const __int128 span = static_cast<__int128>(s1) - s0;
   const __int128 count = span / st + 1;
   const __int128 last = s1 - span % st;
@@ -1008,11 +1009,11 @@ void stmt_parfor(const Token*& t) {
       std::lock_guard guard(host::shell.global_lock);
       (void)screen::keys.take_break();
     }
-    core::exec.jumped = false;
     core::break_at_statement();
     return;
   }
   if (!store_shared(vd, static_cast<std::int64_t>(last) + st)) return;
+  core::resume_at(l.next_line, l.after_pos, 0);
 }
 
 }  // namespace jit
