@@ -116,6 +116,12 @@ extern void (*after_statement)();
 extern bool (*debugger_hook)(const Token* t);
 extern bool debug_request;
 
+// PROFILE: told before each statement the interpreter runs (null t: none
+// runs now: the run ended or native code takes over); null when profiling
+// is off. exact_profiling keeps compiled code out (PROFILE EXACT).
+extern void (*profile_hook)(const Token* t);
+extern bool exact_profiling;
+
 // Compiled execution: offered the statement at t before it is interpreted
 // (not while single-stepping). It returns true when it ran one or more
 // statements; it then leaves t on the next statement to interpret in the

@@ -17,6 +17,7 @@
 #include "jit/parfor.h"
 #include "net/net.h"
 #include "sound/sound.h"
+#include "tools/profile.h"
 #include "tools/tools.h"
 #include "values/eval.h"
 
@@ -148,6 +149,7 @@ const NamedGroup kNamedGroups[] = {
     {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
     {files::kFileNamed, files::kFileNamedCount},
     {jit::kJitNamed, 1},
+    {tools::kProfileNamed, 1},
     {net::kNetNamed, net::kNetNamedCount},
     {sound::kSoundNamed, sound::kSoundNamedCount},
 };

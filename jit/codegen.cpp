@@ -417,6 +417,19 @@ class Gen {
     }
   }
 
+  // A profiled statement: count the run, and every prof_interval-th marker
+  // let the profiler time one statement.
+  void profile_marker(int i, int d) {
+    const int stmt = info(i).stmt;
+    a.load64(RAX, mem(R12, F(prof_counts)));
+    a.alu_mem_imm(Assembler::ADD, mem(RAX, 8 * stmt), 1);
+    a.alu_mem_imm(Assembler::SUB, mem(R12, F(prof_countdown)), 1);
+    const int skip = a.new_label();
+    a.jcc(NE, skip);
+    call(reinterpret_cast<const void*>(&helper_profile), d,
+         reinterpret_cast<std::int64_t>(&rc_.stmts[static_cast<std::size_t>(stmt)]), 0, 2);
+    a.bind(skip);
+  }
   void prologue();
   void emit_epilogue();
   bool instruction(int i);
@@ -875,6 +888,7 @@ bool Gen::instruction(int i) {
   info_result_ = info(i).result;
   switch (in.op) {
     case OP_STATEMENT:
+      if (in.type == 1) profile_marker(i, d);
       if (info(i).role == kRoleForCheck) {
         const int slot = info(i).id;
         std::vector<int> group = rc_.fors[static_cast<std::size_t>(slot)].same_var;

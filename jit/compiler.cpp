@@ -11,6 +11,7 @@
 #include "core/keywords.h"
 #include "core/program.h"
 #include "core/statements.h"
+#include "jit/native.h"
 #include "jit/region.h"
 #include "values/arena.h"
 #include "values/arrays.h"
@@ -148,7 +149,7 @@ class Compiler {
   int new_stmt(const Token* t) {
     R.stmts.push_back(StmtInfo{line, tok_index(t), static_cast<std::uint8_t>(if_depth)});
     stmt = static_cast<int>(R.stmts.size()) - 1;
-    const int m = emit(OP_STATEMENT, 0, 0, static_cast<std::uint64_t>(stmt));
+    const int m = emit(OP_STATEMENT, profile_markers ? 1 : 0, 0, static_cast<std::uint64_t>(stmt));
     (void)m;
     return stmt;
   }

@@ -51,6 +51,15 @@ struct NativeFrame {
   std::uint8_t live[kMaxForSlots];  // FOR slot open (or blocked by an interpreter loop)
   MirrorEntry sentinel;             // below the mirror: never matches a key
   MirrorEntry mirror[kMirrorCapacity];
+  // PROFILE (regions compiled with profiled statement markers): a run count
+  // per statement of the region, the markers left until the next sample,
+  // and the sampled statement being timed (helper_profile).
+  std::uint64_t* prof_counts;
+  std::int64_t prof_countdown;
+  std::int64_t prof_interval;
+  std::uint64_t prof_rng;
+  std::uint64_t prof_t0;
+  const StmtInfo* prof_info;
 };
 
 enum : std::int32_t {
@@ -96,6 +105,13 @@ int helper_f2i(NativeFrame* f);
 void* helper_element(NativeFrame* f, values::Descriptor* d, int n);
 int helper_statement(NativeFrame* f, const core::Token* t, int stmt);
 int helper_poll(NativeFrame* f);
+int helper_profile(NativeFrame* f, const StmtInfo* s);
+// Statement markers carry the profiling flag while this is set (PROFILE).
+extern bool profile_markers;
+// The next sampling interval, 513..1535 markers, from a xorshift state.
+std::int64_t profile_interval(std::uint64_t* state);
+// Adds the run counts native code gathered to the profiler's lines.
+void fold_profile_counts();
 extern const RegionCode* running_code;  // the region a helper runs for
 
 }  // namespace jit

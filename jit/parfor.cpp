@@ -36,6 +36,7 @@
 #include "jit/native.h"
 #include "jit/region.h"
 #include "screen/keyqueue.h"
+#include "tools/profile.h"
 #include "values/arena.h"
 #include "values/arrays.h"
 #include "values/builtins.h"
@@ -485,7 +486,7 @@ std::vector<Body*>& bodies = *new std::vector<Body*>;
 // The region cache's key: the program version in the low 29 bits, then the
 // profiling bits.
 std::uint32_t body_mode() {
-  return current_mode_word() & 0x1FFFFFFFu;
+  return (current_mode_word() & 0x1FFFFFFFu) | tools::profile_mode_bits();
 }
 
 Body* body_for(std::uint32_t first_line) {
@@ -611,6 +612,7 @@ struct alignas(64) Worker {
   char error[kErrorTextSize] = {};
   bool failed = false;
   std::uint64_t rng = 0;
+  std::vector<std::uint64_t> counts;  // the profiled body's run counters (PARFOR counts no runs)
   // Pool thread (workers 1..31): start and done signals.
   std::thread thread;
   std::mutex m;
@@ -972,6 +974,12 @@ void stmt_parfor(const Token*& t) {
     f.for_room = core::kMaxFor;
     f.while_room = core::kMaxWhile;
     f.gosub_room = core::kMaxGosub;
+    w.counts.assign(b->rc.stmts.size() + 1, 0);
+    f.prof_counts = w.counts.data();
+    f.prof_rng = w.rng;
+    f.prof_interval = profile_interval(&f.prof_rng);
+    f.prof_countdown = f.prof_interval;
+    f.prof_info = nullptr;
   }
   if (!ensure_pool(n)) {
     core::raise("PARFOR worker pool setup failed");
@@ -995,6 +1003,7 @@ void stmt_parfor(const Token*& t) {
   plan.error[0] = 0;
   plan.error_line = core::kDirect;
   run_loop(n);
+  for (int i = 0; i < n; ++i) workers[i]->rng = workers[i]->frame.prof_rng;
   if (plan.failed.load()) {
     if (plan.error[0]) {
       core::raise(plan.error);

@@ -18,6 +18,7 @@
 #include "jit/parfor.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
+#include "tools/profile.h"
 #include "values/arrays.h"
 #include "values/builtins.h"
 #include "values/ops.h"
@@ -27,12 +28,14 @@
 namespace jit {
 
 const RegionCode* running_code = nullptr;
+bool profile_markers = false;
 
 namespace {
 
 struct Region {
   RegionCode rc;
   NativeCode native;
+  std::vector<std::uint64_t> counts;  // PROFILE: runs per statement, not yet folded
 };
 
 bool jit_on = true;
@@ -56,7 +59,13 @@ std::uint32_t mode_word() {
   return h ? h : 1;
 }
 
+// The interpreter thread's sampling state, kept across region entries so
+// that short regions entered often are sampled like one long run.
+std::int64_t prof_countdown = 513, prof_interval = 513;
+std::uint64_t prof_rng = 0x2545F4914F6CDD1Dull;
+
 void free_all() {
+  fold_profile_counts();
   for (Region* r : regions) {
     release(&r->native);
     delete r;
@@ -124,6 +133,7 @@ Region* compile(std::uint32_t line, std::uint32_t pos) {
     delete r;
     return nullptr;
   }
+  r->counts.assign(r->rc.stmts.size() + 1, 0);
   regions.push_back(r);
   if (listing_path) write_listing(*r);
   return r;
@@ -173,6 +183,12 @@ bool run(Region* r, const core::Token*& t) {
   f.for_room = core::kMaxFor - core::for_depth();
   f.while_room = core::kMaxWhile - core::while_depth();
   f.gosub_room = core::kMaxGosub - core::gosub_depth();
+  f.prof_counts = r->counts.data();
+  f.prof_countdown = prof_countdown;
+  f.prof_interval = prof_interval;
+  f.prof_rng = prof_rng;
+  f.prof_info = nullptr;
+  if (tools::profiling()) tools::profile_statement(nullptr);  // the interpreter's statement ends here
 
   std::memset(f.live, 0, sizeof f.live);
   // A loop the interpreter has open on a variable this region loops over:
@@ -186,6 +202,9 @@ bool run(Region* r, const core::Token*& t) {
   const int code = r->native.entry(&f, nesting);
   --nesting;
   running_code = outer;
+  prof_countdown = f.prof_countdown;
+  prof_interval = f.prof_interval;
+  prof_rng = f.prof_rng;
   hand_over(*r, f);
   const StmtInfo& s = r->rc.stmts[static_cast<std::size_t>(f.exit_stmt)];
   switch (code) {
@@ -328,6 +347,43 @@ int helper_statement(NativeFrame*, const core::Token* t, int stmt) {
     return 0;
   }
   return 1;
+}
+
+std::int64_t profile_interval(std::uint64_t* state) {
+  std::uint64_t x = *state;
+  x ^= x << 13;
+  x ^= x >> 7;
+  x ^= x << 17;
+  *state = x;
+  return static_cast<std::int64_t>(x % 1023) + 513;
+}
+
+// A sample: the statement at this marker is timed up to the next marker;
+// the time stands for prof_interval runs of it.
+int helper_profile(NativeFrame* f, const StmtInfo* s) {
+  const std::uint64_t now = tools::profile_clock();
+  if (f->prof_info) {
+    tools::profile_sample(f->prof_info->line, f->prof_info->pos, now - f->prof_t0,
+                          static_cast<std::uint64_t>(f->prof_interval), parfor_active);
+    f->prof_info = nullptr;
+    f->prof_interval = profile_interval(&f->prof_rng);
+    f->prof_countdown = f->prof_interval;
+    return 1;
+  }
+  f->prof_info = s;
+  f->prof_countdown = 1;
+  f->prof_t0 = tools::profile_clock();
+  return 1;
+}
+
+void fold_profile_counts() {
+  for (Region* r : regions) {
+    for (std::size_t i = 0; i < r->rc.stmts.size(); ++i) {
+      if (!r->counts[i]) continue;
+      tools::profile_native_runs(r->rc.stmts[i].line, r->rc.stmts[i].pos, r->counts[i]);
+      r->counts[i] = 0;
+    }
+  }
 }
 
 int helper_poll(NativeFrame*) {
