@@ -417,18 +417,31 @@ class Gen {
     }
   }
 
-  // A profiled statement: count the run, and every prof_interval-th marker
-  // let the profiler time one statement.
+  // A profiled statement: its run is counted, and the poll countdown
+  // reaching 0 here takes a sample (cold code: a statement starts with an
+  // empty evaluation stack, and the loop around stays compact).
   void profile_marker(int i, int d) {
     const int stmt = info(i).stmt;
-    a.load64(RAX, mem(R12, F(prof_counts)));
-    a.alu_mem_imm(Assembler::ADD, mem(RAX, 8 * stmt), 1);
-    a.alu_mem_imm(Assembler::SUB, mem(R12, F(prof_countdown)), 1);
-    const int skip = a.new_label();
-    a.jcc(NE, skip);
-    call(reinterpret_cast<const void*>(&helper_profile), d,
-         reinterpret_cast<std::int64_t>(&rc_.stmts[static_cast<std::size_t>(stmt)]), 0, 2);
-    a.bind(skip);
+    if (d != 0) return;
+    if (ins(i).type == 1 && stmt < kProfileSlots)
+      a.alu_mem_imm(Assembler::ADD, mem(R12, F(prof_runs) + 8 * stmt), 1);
+    const int sample = a.new_label(), back = a.new_label();
+    const int leave = exit_stub(stmt, kTransferResume);
+    a.alu_imm(Assembler::SUB, R13, 1);
+    a.jcc(E, sample);
+    a.bind(back);
+    const Loop* loop = in_loop_;
+    cold_.push_back([this, loop, stmt, sample, back, leave] {
+      const Loop* outer = in_loop_;
+      in_loop_ = loop;  // the registers to reload after the call
+      a.bind(sample);
+      call(reinterpret_cast<const void*>(&helper_profile), 0, stmt, 0, 2);
+      a.test(RAX, RAX);
+      a.jcc(E, leave);
+      a.mov(R13, RAX);
+      a.jmp(back);
+      in_loop_ = outer;
+    });
   }
   void prologue();
   void emit_epilogue();

@@ -149,7 +149,7 @@ class Compiler {
   int new_stmt(const Token* t) {
     R.stmts.push_back(StmtInfo{line, tok_index(t), static_cast<std::uint8_t>(if_depth)});
     stmt = static_cast<int>(R.stmts.size()) - 1;
-    const int m = emit(OP_STATEMENT, profile_markers ? 1 : 0, 0, static_cast<std::uint64_t>(stmt));
+    const int m = emit(OP_STATEMENT, profile_markers ? (compiling_parfor ? 2 : 1) : 0, 0, static_cast<std::uint64_t>(stmt));
     (void)m;
     return stmt;
   }

@@ -507,7 +507,10 @@ Body* body_for(std::uint32_t first_line) {
   b->compiled = false;
   b->line = first_line;
   const char* why;
-  if (compile_region(first_line, 0, &b->rc, &why)) {
+  compiling_parfor = true;
+  const bool compiled = compile_region(first_line, 0, &b->rc, &why);
+  compiling_parfor = false;
+  if (compiled) {
     std::vector<int> depth(b->rc.code.size());
     if (const char* e = verify_stack_flow(b->rc.code.data(), static_cast<int>(b->rc.code.size()), depth.data())) {
       core::raise(e);
@@ -612,7 +615,7 @@ struct alignas(64) Worker {
   char error[kErrorTextSize] = {};
   bool failed = false;
   std::uint64_t rng = 0;
-  std::vector<std::uint64_t> counts;  // the profiled body's run counters (PARFOR counts no runs)
+  std::int64_t countdown = kPollInterval;  // the poll register across iterations
   // Pool thread (workers 1..31): start and done signals.
   std::thread thread;
   std::mutex m;
@@ -696,11 +699,17 @@ void run_worker(Worker& w) {
         goto out;
       }
       f.mirror_top = f.mirror;
-      f.poll = kPollInterval;
+      f.poll = w.countdown;
       f.exit_stmt = 0;
       f.error_msg = 0;
       std::memset(f.live, 0, sizeof f.live);
       const int code = plan.entry(&f, 1);
+      if (f.prof_info) {
+        profile_end_sample(&f);
+        w.countdown = profile_interval(&f.prof_rng);
+      } else {
+        w.countdown = f.poll > 0 ? f.poll : kPollInterval;
+      }
       if (code == kTransferResume && f.exit_stmt == plan.done_stmt) continue;
       const StmtInfo& s = plan.rc->stmts[static_cast<std::size_t>(f.exit_stmt)];
       if (code == 0) {
@@ -974,12 +983,11 @@ void stmt_parfor(const Token*& t) {
     f.for_room = core::kMaxFor;
     f.while_room = core::kMaxWhile;
     f.gosub_room = core::kMaxGosub;
-    w.counts.assign(b->rc.stmts.size() + 1, 0);
-    f.prof_counts = w.counts.data();
     f.prof_rng = w.rng;
-    f.prof_interval = profile_interval(&f.prof_rng);
-    f.prof_countdown = f.prof_interval;
+    f.prof_weight = static_cast<std::uint64_t>(profile_interval(&f.prof_rng));
+    f.prof_stmts = b->rc.stmts.data();
     f.prof_info = nullptr;
+    w.countdown = static_cast<std::int64_t>(f.prof_weight);
   }
   if (!ensure_pool(n)) {
     core::raise("PARFOR worker pool setup failed");

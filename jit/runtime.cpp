@@ -29,13 +29,14 @@ namespace jit {
 
 const RegionCode* running_code = nullptr;
 bool profile_markers = false;
+bool compiling_parfor = false;
 
 namespace {
 
 struct Region {
   RegionCode rc;
   NativeCode native;
-  std::vector<std::uint64_t> counts;  // PROFILE: runs per statement, not yet folded
+  std::vector<std::uint64_t> counts;  // PROFILE: runs per statement not yet told to the profiler
 };
 
 bool jit_on = true;
@@ -60,9 +61,10 @@ std::uint32_t mode_word() {
 }
 
 // The interpreter thread's sampling state, kept across region entries so
-// that short regions entered often are sampled like one long run.
-std::int64_t prof_countdown = 513, prof_interval = 513;
+// that regions entered often are sampled like one long run.
 std::uint64_t prof_rng = 0x2545F4914F6CDD1Dull;
+std::int64_t prof_countdown = 513;
+std::uint64_t prof_weight = 513;
 
 void free_all() {
   fold_profile_counts();
@@ -133,7 +135,7 @@ Region* compile(std::uint32_t line, std::uint32_t pos) {
     delete r;
     return nullptr;
   }
-  r->counts.assign(r->rc.stmts.size() + 1, 0);
+  r->counts.assign(r->rc.stmts.size(), 0);
   regions.push_back(r);
   if (listing_path) write_listing(*r);
   return r;
@@ -183,12 +185,15 @@ bool run(Region* r, const core::Token*& t) {
   f.for_room = core::kMaxFor - core::for_depth();
   f.while_room = core::kMaxWhile - core::while_depth();
   f.gosub_room = core::kMaxGosub - core::gosub_depth();
-  f.prof_counts = r->counts.data();
-  f.prof_countdown = prof_countdown;
-  f.prof_interval = prof_interval;
-  f.prof_rng = prof_rng;
-  f.prof_info = nullptr;
-  if (tools::profiling()) tools::profile_statement(nullptr);  // the interpreter's statement ends here
+  const bool profiling = tools::profiling();
+  if (profiling) {
+    tools::profile_statement(nullptr);  // the interpreter's statement ends here
+    f.poll = prof_countdown;
+    f.prof_stmts = r->rc.stmts.data();
+    f.prof_rng = prof_rng;
+    f.prof_weight = prof_weight;
+    f.prof_info = nullptr;
+  }
 
   std::memset(f.live, 0, sizeof f.live);
   // A loop the interpreter has open on a variable this region loops over:
@@ -202,9 +207,16 @@ bool run(Region* r, const core::Token*& t) {
   const int code = r->native.entry(&f, nesting);
   --nesting;
   running_code = outer;
-  prof_countdown = f.prof_countdown;
-  prof_interval = f.prof_interval;
-  prof_rng = f.prof_rng;
+  if (profiling) {
+    prof_rng = f.prof_rng;
+    prof_weight = f.prof_weight;
+    prof_countdown = f.prof_info ? profile_interval(&prof_rng) : f.poll;
+    const std::size_t n = std::min<std::size_t>(r->counts.size(), kProfileSlots);
+    for (std::size_t i = 0; i < n; ++i) {
+      r->counts[i] += f.prof_runs[i];
+      f.prof_runs[i] = 0;
+    }
+  }
   hand_over(*r, f);
   const StmtInfo& s = r->rc.stmts[static_cast<std::size_t>(f.exit_stmt)];
   switch (code) {
@@ -232,6 +244,8 @@ bool run(Region* r, const core::Token*& t) {
 
 bool offer(const core::Token*& t) {
   if (!jit_on || core::err.flag || !core::compiled_execution_allowed()) return false;
+  // Compiling is no part of the interpreted statement before.
+  if (tools::profiling()) tools::profile_statement(nullptr);
   const std::uint32_t mode = mode_word();
   if (mode != regions_mode) {
     // The program, its variables or the JIT switch changed: every region
@@ -358,27 +372,30 @@ std::int64_t profile_interval(std::uint64_t* state) {
   return static_cast<std::int64_t>(x % 1023) + 513;
 }
 
-// A sample: the statement at this marker is timed up to the next marker;
-// the time stands for prof_interval runs of it.
-int helper_profile(NativeFrame* f, const StmtInfo* s) {
+void profile_end_sample(NativeFrame* f) {
   const std::uint64_t now = tools::profile_clock();
+  tools::profile_sample(f->prof_info->line, f->prof_info->pos, now - f->prof_t0, f->prof_weight, parfor_active);
+  f->prof_info = nullptr;
+}
+
+// Either the sample in progress ends here (and the next interval starts),
+// or a sample starts: this statement is timed up to the next marker.
+std::int64_t helper_profile(NativeFrame* f, int stmt) {
   if (f->prof_info) {
-    tools::profile_sample(f->prof_info->line, f->prof_info->pos, now - f->prof_t0,
-                          static_cast<std::uint64_t>(f->prof_interval), parfor_active);
-    f->prof_info = nullptr;
-    f->prof_interval = profile_interval(&f->prof_rng);
-    f->prof_countdown = f->prof_interval;
-    return 1;
+    profile_end_sample(f);
+    f->prof_weight = static_cast<std::uint64_t>(profile_interval(&f->prof_rng));
+    if (helper_poll(f)) return 0;
+    return static_cast<std::int64_t>(f->prof_weight);
   }
-  f->prof_info = s;
-  f->prof_countdown = 1;
+  f->prof_info = &f->prof_stmts[stmt];
   f->prof_t0 = tools::profile_clock();
   return 1;
 }
 
+// Runs counted since the last fold.
 void fold_profile_counts() {
   for (Region* r : regions) {
-    for (std::size_t i = 0; i < r->rc.stmts.size(); ++i) {
+    for (std::size_t i = 0; i < r->counts.size(); ++i) {
       if (!r->counts[i]) continue;
       tools::profile_native_runs(r->rc.stmts[i].line, r->rc.stmts[i].pos, r->counts[i]);
       r->counts[i] = 0;
@@ -386,7 +403,8 @@ void fold_profile_counts() {
   }
 }
 
-int helper_poll(NativeFrame*) {
+int helper_poll(NativeFrame* f) {
+  if (f->prof_info && tools::profiling()) profile_end_sample(f);
   if (parfor_active) return parfor_poll();
   if (host::stop_requested() || core::event_pending.load(std::memory_order_relaxed) || screen::keys.has_break() ||
       screen::keys.debugger_request.load(std::memory_order_relaxed)) {
