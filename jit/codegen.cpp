@@ -901,7 +901,7 @@ bool Gen::instruction(int i) {
   info_result_ = info(i).result;
   switch (in.op) {
     case OP_STATEMENT:
-      if (in.type == 1) profile_marker(i, d);
+      if (in.type != 0) profile_marker(i, d);
       if (info(i).role == kRoleForCheck) {
         const int slot = info(i).id;
         std::vector<int> group = rc_.fors[static_cast<std::size_t>(slot)].same_var;

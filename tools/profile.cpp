@@ -169,13 +169,13 @@ void report(bool all) {
     if (rows.size() > 20) rows.resize(20);
   }
   char buf[96];
-  std::snprintf(buf, sizeof buf, "%6s%10s%10s%10s%7s%12s%7s | SOURCE", "LINE", "RUNS", "JITRUNS", "INTRUNS", "MODE",
+  std::snprintf(buf, sizeof buf, "%6s %10s %10s %10s %7s %12s %7s | SOURCE", "LINE", "RUNS", "JITRUNS", "INTRUNS", "MODE",
                 "TIME (ms)", "SHARE");
   screen::put_line(buf);
   const std::uint64_t all_cycles = total.load();
   for (const LineReport& r : rows) {
     const double share = all_cycles ? 100.0 * static_cast<double>(r.cycles) / static_cast<double>(all_cycles) : 0.0;
-    std::snprintf(buf, sizeof buf, "%6u%10llu%10llu%10llu%7s%12.3f%6.1f%% | ", r.number,
+    std::snprintf(buf, sizeof buf, "%6u %10llu %10llu %10llu %7s %12.3f %6.1f%% | ", r.number,
                   static_cast<unsigned long long>(r.runs), static_cast<unsigned long long>(r.jit_runs),
                   static_cast<unsigned long long>(r.int_runs), r.mode.c_str(), cycles_to_ms(r.cycles), share);
     screen::put_text(buf);
