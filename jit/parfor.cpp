@@ -35,6 +35,7 @@
 #include "jit/jit.h"
 #include "jit/native.h"
 #include "jit/region.h"
+#include "screen/graphics.h"
 #include "screen/keyqueue.h"
 #include "tools/profile.h"
 #include "values/arena.h"
@@ -166,6 +167,7 @@ class Walk {
   void jump(const Token* stmt, const Token* number, bool gosub);
   void array_store(const Token* stmt, const Token* name);
   void graphics(const Token* stmt, const Token* end);
+  void transform(const Token* stmt);
   void statement(const Token* stmt, const Token* end);
 };
 
@@ -293,6 +295,13 @@ void Walk::graphics(const Token* stmt, const Token* end) {
        "use PSET(x,y),color or PSET(x,y),r,g,b with independent output pixels, or use FOR.");
 }
 
+// Drawing in parallel needs pixel coordinates that no shared transform changes.
+void Walk::transform(const Token* stmt) {
+  if (screen::gfx.window || screen::gfx.view)
+    no(stmt, "parallel drawing under WINDOW/VIEW depends on shared coordinate-transform graphics state.",
+       "turn WINDOW and VIEW off before PARFOR, precompute screen coordinates, or use FOR.");
+}
+
 void Walk::statement(const Token* stmt, const Token* end) {
   switch (stmt->kind) {
     case core::KW_PRINT:
@@ -328,6 +337,7 @@ void Walk::statement(const Token* stmt, const Token* end) {
     case core::KW_LINE:
       expression(stmt, stmt + 1, end, nullptr);
       if (!refused()) graphics(stmt, end);
+      if (!refused()) transform(stmt);
       break;
     case core::KW_LET:
     case core::kTokIdent: {
