@@ -423,21 +423,26 @@ class Gen {
   void profile_marker(int i, int d) {
     const int stmt = info(i).stmt;
     if (d != 0) return;
-    if (ins(i).type == 1 && stmt < kProfileSlots)
-      a.alu_mem_imm(Assembler::ADD, mem(R12, F(prof_runs) + 8 * stmt), 1);
+    const bool counted = ins(i).type == 1 && stmt < kProfileSlots;
+    if (counted) a.alu_mem_imm(Assembler::ADD, mem(R12, F(prof_runs) + 8 * stmt), 1);
     const int sample = a.new_label(), back = a.new_label();
     const int leave = exit_stub(stmt, kTransferResume);
     a.alu_imm(Assembler::SUB, R13, 1);
     a.jcc(E, sample);
     a.bind(back);
     const Loop* loop = in_loop_;
-    cold_.push_back([this, loop, stmt, sample, back, leave] {
+    cold_.push_back([this, loop, stmt, sample, back, leave, counted] {
       const Loop* outer = in_loop_;
       in_loop_ = loop;  // the registers to reload after the call
       a.bind(sample);
       call(reinterpret_cast<const void*>(&helper_profile), 0, stmt, 0, 2);
       a.test(RAX, RAX);
-      a.jcc(E, leave);
+      const int go_on = a.new_label();
+      a.jcc(NE, go_on);
+      // Handing over: the interpreter runs (and counts) this statement.
+      if (counted) a.alu_mem_imm(Assembler::SUB, mem(R12, F(prof_runs) + 8 * stmt), 1);
+      a.jmp(leave);
+      a.bind(go_on);
       a.mov(R13, RAX);
       a.jmp(back);
       in_loop_ = outer;

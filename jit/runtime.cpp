@@ -216,6 +216,11 @@ bool run(Region* r, const core::Token*& t) {
       r->counts[i] += f.prof_runs[i];
       f.prof_runs[i] = 0;
     }
+    // A GOSUB, RETURN or END that leaves the region is run again by the
+    // interpreter, which counts it then.
+    const auto e = static_cast<std::size_t>(f.exit_stmt);
+    if ((code == kTransferGosub || code == kTransferReturn || code == kTransferEnd) && e < n && r->counts[e])
+      --r->counts[e];
   }
   hand_over(*r, f);
   const StmtInfo& s = r->rc.stmts[static_cast<std::size_t>(f.exit_stmt)];
