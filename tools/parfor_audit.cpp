@@ -10,6 +10,7 @@
 #include "core/keywords.h"
 #include "core/program.h"
 #include "core/statements.h"
+#include "tools/linerefs.h"
 #include "tools/pager.h"
 #include "tools/tools.h"
 #include "values/builtins.h"
@@ -220,10 +221,18 @@ const Token* statement_end(const Token* t) {
 
 bool Check::run(Pager& out, bool* stopped) {
   *stopped = false;
+  // Programs without PARFOR get no report at all.
   bool any = false;
+  std::vector<std::vector<Token>> lines(core::program.lines);
   for (std::uint32_t i = 0; i < core::program.lines; ++i) {
-    const Token* base = core::line_tokens(i);
-    if (!base) return any;  // AUDIT itself reports the line
+    std::string error;
+    quiet_tokenize(core::line_body(i), &lines[i], &error);
+    if (!error.empty()) lines[i].assign(1, Token{});  // AUDIT reports the line; nothing to read here
+    for (const Token& t : lines[i]) any = any || t.kind == core::KW_PARFOR;
+  }
+  if (!any) return false;
+  for (std::uint32_t i = 0; i < core::program.lines; ++i) {
+    const Token* base = lines[i].data();
     const std::uint32_t number = core::line_index[i].number;
     conditional = false;
     for (const Token* t = base; t->kind != core::kTokEnd;) {
@@ -232,7 +241,6 @@ bool Check::run(Pager& out, bool* stopped) {
         continue;
       }
       if (t->kind == core::KW_REM) break;
-      if (t->kind == core::KW_PARFOR) any = true;
       if (t->kind == core::KW_THEN || t->kind == core::KW_ELSE) {
         conditional = true;
         ++t;
