@@ -927,7 +927,12 @@ void stmt_parfor(const Token*& t) {
                          "use a numeric loop variable such as I, I%, I&, I&&, I! or I#, or use FOR.");
   Descriptor* vd = values::scalar_of(var);
   if (!vd || !store_shared(vd, s0)) return;
-  // 15-17: the body.
+  // 15-17: the body (a direct-mode line has none after it).
+  if (l.header_line == core::kDirect) {
+    refuse(hl, hp, "no matching NEXT was found, so PARFOR cannot determine the parallel iteration body.",
+           "add the matching NEXT variable for this PARFOR, or use FOR.");
+    return refused();
+  }
   if (!find_next(l, t)) return refused();
   l.first = l.header_line + 1;
   t = header;
