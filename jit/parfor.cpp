@@ -270,15 +270,22 @@ void Walk::array_store(const Token* stmt, const Token* name) {
 // PSET, PRESET and LINE: an explicit colour and no XOR.
 void Walk::graphics(const Token* stmt, const Token* end) {
   int depth = 0;
-  bool colour = false, xor_mode = false, second_point = false;
+  bool colour = false, xor_mode = false, first_field = true;
   for (const Token* t = stmt + 1; t < end; ++t) {
-    if (t->kind == '(') ++depth;
-    else if (t->kind == ')') --depth;
-    else if (depth == 0 && t->kind == ',') colour = colour || t[1].kind != ',' ;
-    else if (depth == 0 && t->kind == core::KW_XOR) xor_mode = true;
-    else if (depth == 0 && t->kind == '-') second_point = true;
+    if (t->kind == '(') {
+      ++depth;
+    } else if (t->kind == ')') {
+      --depth;
+    } else if (depth == 0 && t->kind == ',' && first_field) {
+      // The first field behind the coordinates is the colour (it may be empty).
+      first_field = false;
+      const Token* c = t + 1;
+      const bool box = c->kind == core::kTokIdent && (!std::strcmp(c->name(), "B") || !std::strcmp(c->name(), "BF"));
+      colour = c < end && c->kind != ',' && c->kind != core::KW_XOR && !box;
+    } else if (depth == 0 && t->kind == core::KW_XOR) {
+      xor_mode = true;
+    }
   }
-  (void)second_point;
   if (stmt->kind == core::KW_LINE) {
     if (xor_mode) {
       no(stmt, "LINE XOR reads and modifies existing pixels; overlapping workers could lose updates.",
@@ -413,7 +420,7 @@ void Walk::run() {
 // --- the header --------------------------------------------------------------
 
 // The NEXT that closes the PARFOR at (line, pos): checks 15 to 17.
-bool find_next(Loop& l, const Token* after_header) {
+bool find_next(Loop& l) {
   int depth = 0;
   for (std::uint32_t line = l.header_line + 1; line < core::program.lines; ++line) {
     const Token* base = core::line_tokens(line);
@@ -458,7 +465,6 @@ bool find_next(Loop& l, const Token* after_header) {
       }
     }
   }
-  (void)after_header;
   refuse(l.header_line, l.header_pos,
          "no matching NEXT was found, so PARFOR cannot determine the parallel iteration body.",
          "add the matching NEXT variable for this PARFOR, or use FOR.");
@@ -586,12 +592,19 @@ int check_graph(const Body& b, const Loop& l) {
           return -1;
         }
         break;
+      case OP_PSET:
+      case OP_LINE:
+        // Compiled drawing runs through the interpreter's own statements,
+        // which workers may not enter.
+        at(stmt,
+           "this statement has no fully native JIT implementation; PARFOR workers cannot fall back to the "
+           "interpreter.",
+           "move this command before/after PARFOR, rewrite it using JIT-supported commands, or change PARFOR to "
+           "FOR.");
+        return -1;
       case OP_PRINT:
       case OP_LOCATE:
       case OP_COLOR:
-      case OP_PSET:
-      case OP_LINE:
-        // Drawing and printing run through the interpreter's statements.
         at(stmt, "the reachable native graph could not be proven safe for all workers.", kPathWorkaround);
         return -1;
       default:
@@ -933,7 +946,7 @@ void stmt_parfor(const Token*& t) {
            "add the matching NEXT variable for this PARFOR, or use FOR.");
     return refused();
   }
-  if (!find_next(l, t)) return refused();
+  if (!find_next(l)) return refused();
   l.first = l.header_line + 1;
   t = header;
   while (!at_end(t)) ++t;
