@@ -13,6 +13,7 @@
 #include "host/ui.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
+#include "tools/profile.h"
 #include "values/eval.h"
 
 namespace core {
@@ -175,7 +176,11 @@ void stmt_list(const Token*& t) {
       screen::con.bg = kBreakpointBg;
     }
     screen::put_text(head);
-    for (std::uint32_t i = 0; i < len; ++i) screen::put_char(static_cast<std::uint8_t>(body[i]));
+    if (!marked && tools::profile_marking() && tools::profile_list_line(index)) {
+      // PROFILE MARK coloured the statements by how they last ran.
+    } else {
+      for (std::uint32_t i = 0; i < len; ++i) screen::put_char(static_cast<std::uint8_t>(body[i]));
+    }
     screen::con.fg = fg;
     screen::con.bg = bg;
     if (!screen::at_line_start()) screen::put_char(13);

@@ -47,7 +47,17 @@ void raise_common() {
 }
 }  // namespace
 
+namespace {
+thread_local ErrorHook thread_sink = nullptr;
+}
+
+void set_thread_error_sink(ErrorHook sink) { thread_sink = sink; }
+
 void raise(const char* message) {
+  if (thread_sink) {
+    thread_sink(message);
+    return;
+  }
   if (err.silent || err.flag) return;
   if (err.hook) {
     err.hook(message);
@@ -63,6 +73,14 @@ void raise(const char* message) {
 }
 
 void raise_value(const char* text, std::size_t length) {
+  if (thread_sink) {
+    char copy[256];
+    if (length > sizeof copy - 1) length = sizeof copy - 1;
+    std::memcpy(copy, text, length);
+    copy[length] = 0;
+    thread_sink(copy);
+    return;
+  }
   if (err.silent || err.flag) return;
   if (length > sizeof err.message - 1) length = sizeof err.message - 1;
   char copy[sizeof err.message];

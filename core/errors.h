@@ -29,6 +29,11 @@ extern bool program_running;
 
 // The one entry for all errors.
 void raise(const char* message);
+
+// A thread that runs compiled code beside the interpreter (a PARFOR worker)
+// sends its errors here instead of into the shared state above; null on the
+// interpreter thread outside PARFOR.
+void set_thread_error_sink(ErrorHook sink);
 // A message that is a string value (printed through the PRINT routine).
 void raise_value(const char* text, std::size_t length);
 

@@ -33,6 +33,8 @@ void (*reset_graphics_state)() = nullptr;
 bool (*offer_compiled_region)(const Token*& t) = nullptr;
 void (*after_statement)() = nullptr;
 bool (*debugger_hook)(const Token* t) = nullptr;
+void (*profile_hook)(const Token* t) = nullptr;
+bool exact_profiling = false;
 bool debug_request = false;
 
 namespace {
@@ -449,6 +451,7 @@ void run_loop(const Token* t) {
       continue;
     }
     exec.continue_here = false;
+    if (profile_hook) profile_hook(t);
     run_statement(t);
     values::statement_boundary();
     if (after_statement) after_statement();
@@ -530,6 +533,7 @@ void execute_direct_tokens(const Token* tokens) {
   exec.jumped = false;
   program_running = false;
   run_loop(tokens);
+  if (profile_hook) profile_hook(nullptr);
   if (flush_files) flush_files();
   exec.line = kDirect;
   program_running = false;
@@ -551,8 +555,11 @@ void run_program(std::uint32_t start_index) {
 bool compiled_execution_allowed() {
   // Watches and the debugger look at every statement: they need the interpreter.
   return !trace_on && breakpoint_count == 0 && on_break_line == 0 && !exec.stepping && exec.if_depth == 0 &&
-         exec.line != kDirect && !after_statement && !debug_request;
+         exec.line != kDirect && !after_statement && !debug_request && !exact_profiling;
 }
+bool tracing_active() { return trace_on || after_statement; }
+bool breakpoints_active() { return breakpoint_count > 0; }
+std::uint32_t on_break_target() { return on_break_line; }
 int gosub_depth() { return gosub_sp; }
 int for_depth() { return for_sp; }
 int while_depth() { return while_sp; }

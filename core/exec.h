@@ -116,6 +116,12 @@ extern void (*after_statement)();
 extern bool (*debugger_hook)(const Token* t);
 extern bool debug_request;
 
+// PROFILE: told before each statement the interpreter runs (null t: none
+// runs now: the run ended or native code takes over); null when profiling
+// is off. exact_profiling keeps compiled code out (PROFILE EXACT).
+extern void (*profile_hook)(const Token* t);
+extern bool exact_profiling;
+
 // Compiled execution: offered the statement at t before it is interpreted
 // (not while single-stepping). It returns true when it ran one or more
 // statements; it then leaves t on the next statement to interpret in the
@@ -128,6 +134,10 @@ extern bool (*offer_compiled_region)(const Token*& t);
 // control stack, and pushing the loops and GOSUBs that native code had open
 // when it hands control back, exactly as the interpreter would have left them.
 bool compiled_execution_allowed();
+// The parts of that test PARFOR explains one by one.
+bool tracing_active();          // TRON or TRACE watches
+bool breakpoints_active();
+std::uint32_t on_break_target();  // 0: none
 int gosub_depth();
 int for_depth();
 int while_depth();

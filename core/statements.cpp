@@ -14,8 +14,10 @@
 #include "host/packed.h"
 #include "host/platform.h"
 #include "jit/jit.h"
+#include "jit/parfor.h"
 #include "net/net.h"
 #include "sound/sound.h"
+#include "tools/profile.h"
 #include "tools/tools.h"
 #include "values/eval.h"
 
@@ -78,6 +80,7 @@ constexpr HandlerTable make_table() {
   table[KW_MERGE] = stmt_merge;
   table[KW_SAVE] = stmt_save;
   table[KW_CREATEEXE] = host::stmt_createexe;
+  table[KW_PARFOR] = jit::stmt_parfor;
   table[KW_NEW] = stmt_new;
   table[KW_DELETE] = stmt_delete;
   table[KW_EDIT] = stmt_edit;
@@ -146,6 +149,7 @@ const NamedGroup kNamedGroups[] = {
     {screen::kScreenNamed, static_cast<int>(sizeof screen::kScreenNamed / sizeof screen::kScreenNamed[0])},
     {files::kFileNamed, files::kFileNamedCount},
     {jit::kJitNamed, 1},
+    {tools::kProfileNamed, 1},
     {net::kNetNamed, net::kNetNamedCount},
     {sound::kSoundNamed, sound::kSoundNamedCount},
 };

@@ -6,6 +6,7 @@
 #include "core/errors.h"
 #include "core/keywords.h"
 #include "core/statements.h"
+#include "host/sysinfo.h"
 #include "values/arena.h"
 #include "values/arrays.h"
 #include "values/eval.h"
@@ -149,6 +150,17 @@ void stmt_option(const Token*& t) {
       return;
     }
     err.print_switch = static_cast<std::uint8_t>(n);
+    return;
+  }
+  if (t->kind == kTokIdent && !std::strcmp(t->name(), "PARTHREADS")) {
+    ++t;
+    std::int64_t n;
+    if (!values::eval_int64(t, &n)) return;
+    if (n < 0 || n > 32) {
+      raise("Illegal function call");
+      return;
+    }
+    host::parfor_cap = static_cast<int>(n);
     return;
   }
   raise("Syntax error");

@@ -417,6 +417,37 @@ class Gen {
     }
   }
 
+  // A profiled statement: its run is counted, and the poll countdown
+  // reaching 0 here takes a sample (cold code: a statement starts with an
+  // empty evaluation stack, and the loop around stays compact).
+  void profile_marker(int i, int d) {
+    const int stmt = info(i).stmt;
+    if (d != 0) return;
+    const bool counted = ins(i).type == 1 && stmt < kProfileSlots;
+    if (counted) a.alu_mem_imm(Assembler::ADD, mem(R12, F(prof_runs) + 8 * stmt), 1);
+    const int sample = a.new_label(), back = a.new_label();
+    const int leave = exit_stub(stmt, kTransferResume);
+    a.alu_imm(Assembler::SUB, R13, 1);
+    a.jcc(E, sample);
+    a.bind(back);
+    const Loop* loop = in_loop_;
+    cold_.push_back([this, loop, stmt, sample, back, leave, counted] {
+      const Loop* outer = in_loop_;
+      in_loop_ = loop;  // the registers to reload after the call
+      a.bind(sample);
+      call(reinterpret_cast<const void*>(&helper_profile), 0, stmt, 0, 2);
+      a.test(RAX, RAX);
+      const int go_on = a.new_label();
+      a.jcc(NE, go_on);
+      // Handing over: the interpreter runs (and counts) this statement.
+      if (counted) a.alu_mem_imm(Assembler::SUB, mem(R12, F(prof_runs) + 8 * stmt), 1);
+      a.jmp(leave);
+      a.bind(go_on);
+      a.mov(R13, RAX);
+      a.jmp(back);
+      in_loop_ = outer;
+    });
+  }
   void prologue();
   void emit_epilogue();
   bool instruction(int i);
@@ -875,6 +906,7 @@ bool Gen::instruction(int i) {
   info_result_ = info(i).result;
   switch (in.op) {
     case OP_STATEMENT:
+      if (in.type != 0) profile_marker(i, d);
       if (info(i).role == kRoleForCheck) {
         const int slot = info(i).id;
         std::vector<int> group = rc_.fors[static_cast<std::size_t>(slot)].same_var;

@@ -11,6 +11,7 @@
 #include "core/keywords.h"
 #include "core/program.h"
 #include "core/statements.h"
+#include "jit/native.h"
 #include "jit/region.h"
 #include "values/arena.h"
 #include "values/arrays.h"
@@ -79,6 +80,7 @@ class Compiler {
   explicit Compiler(RegionCode* r) : R(*r) {}
 
   bool run(std::uint32_t line, std::uint32_t pos, const char** why);
+  bool capable(std::uint32_t line, std::uint32_t pos);
 
  private:
   RegionCode& R;
@@ -147,7 +149,7 @@ class Compiler {
   int new_stmt(const Token* t) {
     R.stmts.push_back(StmtInfo{line, tok_index(t), static_cast<std::uint8_t>(if_depth)});
     stmt = static_cast<int>(R.stmts.size()) - 1;
-    const int m = emit(OP_STATEMENT, 0, 0, static_cast<std::uint64_t>(stmt));
+    const int m = emit(OP_STATEMENT, profile_markers ? (compiling_parfor ? 2 : 1) : 0, 0, static_cast<std::uint64_t>(stmt));
     (void)m;
     return stmt;
   }
@@ -902,7 +904,27 @@ bool Compiler::run(std::uint32_t first_line, std::uint32_t pos, const char** why
   return true;
 }
 
+// NEXT and WEND close loops that the statement alone does not see open.
+bool Compiler::capable(std::uint32_t at_line, std::uint32_t pos) {
+  line = at_line;
+  base = core::line_tokens(line);
+  if (!base) return false;
+  const Token* t = base + pos;
+  if (t->kind == core::KW_NEXT || t->kind == core::KW_WEND) {
+    ++t;
+    if (t->kind == core::kTokIdent && t[-1].kind == core::KW_NEXT) ++t;
+    return at_end(t);
+  }
+  return statement(t) == Result::Ok;
+}
+
 }  // namespace
+
+bool statement_capable(std::uint32_t line, std::uint32_t pos) {
+  RegionCode rc;
+  Compiler c(&rc);
+  return c.capable(line, pos);
+}
 
 bool compile_region(std::uint32_t line, std::uint32_t pos, RegionCode* out, const char** why) {
   *out = RegionCode{};

@@ -12,6 +12,9 @@ namespace jit {
 // beside native offsets and bytes).
 void install();
 bool enabled();
+// What compiled code depends on (program version, variable table, types,
+// OPTION BASE, the JIT switch): code made under another word is out of date.
+std::uint32_t current_mode_word();
 std::size_t region_count();
 
 // JIT ON | JIT OFF | JIT

@@ -22,6 +22,7 @@ enum : std::uint32_t { kMirrorFor = 1, kMirrorWhile = 2, kMirrorGosub = 3 };
 constexpr int kMirrorCapacity = 256;
 constexpr int kMaxForSlots = 64;
 constexpr std::int64_t kPollInterval = 1024;  // backward branches between polls
+constexpr int kProfileSlots = 512;
 
 struct ForSlot {
   std::int64_t limit_i;
@@ -51,6 +52,17 @@ struct NativeFrame {
   std::uint8_t live[kMaxForSlots];  // FOR slot open (or blocked by an interpreter loop)
   MirrorEntry sentinel;             // below the mirror: never matches a key
   MirrorEntry mirror[kMirrorCapacity];
+  // PROFILE (regions compiled with profiled statement markers). Every
+  // marker counts down the poll register; reaching 0 there, the statement
+  // is timed up to the next marker or backward branch, the time standing
+  // for the interval of markers counted down (prof_weight). Runs are
+  // counted per statement (the first kProfileSlots of a region).
+  std::uint64_t prof_runs[kProfileSlots];
+  const StmtInfo* prof_stmts;
+  const StmtInfo* prof_info;  // the statement being timed
+  std::uint64_t prof_weight;
+  std::uint64_t prof_rng;
+  std::uint64_t prof_t0;
 };
 
 enum : std::int32_t {
@@ -96,6 +108,19 @@ int helper_f2i(NativeFrame* f);
 void* helper_element(NativeFrame* f, values::Descriptor* d, int n);
 int helper_statement(NativeFrame* f, const core::Token* t, int stmt);
 int helper_poll(NativeFrame* f);
+// A profiled marker's countdown ran out: the next countdown, or 0 when the
+// region must hand over to the interpreter (break, events).
+std::int64_t helper_profile(NativeFrame* f, int stmt);
+// Statement markers carry the profiling flag while this is set (PROFILE):
+// 1 counts runs and samples, 2 (PARFOR bodies) only samples.
+extern bool profile_markers;
+extern bool compiling_parfor;
+// The next sampling interval, 513..1535 markers, from a xorshift state.
+std::int64_t profile_interval(std::uint64_t* state);
+// Ends the sample in progress (its statement ended at a backward branch).
+void profile_end_sample(NativeFrame* f);
+// Adds the run counts native code gathered to the profiler's lines.
+void fold_profile_counts();
 extern const RegionCode* running_code;  // the region a helper runs for
 
 }  // namespace jit

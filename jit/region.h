@@ -75,4 +75,9 @@ struct RegionCode {
 // running natively came out; `why` then says what stopped it.
 bool compile_region(std::uint32_t line, std::uint32_t pos, RegionCode* out, const char** why);
 
+// Whether the statement at (line, pos) is one the compiler takes on its own,
+// whatever surrounds it: the JIT-capable test behind PROFILE MARK's colours
+// and PARFOR's check of every statement of its body.
+bool statement_capable(std::uint32_t line, std::uint32_t pos);
+
 }  // namespace jit

@@ -15,8 +15,10 @@
 #include "core/statements.h"
 #include "host/shell.h"
 #include "jit/native.h"
+#include "jit/parfor.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
+#include "tools/profile.h"
 #include "values/arrays.h"
 #include "values/builtins.h"
 #include "values/ops.h"
@@ -26,12 +28,15 @@
 namespace jit {
 
 const RegionCode* running_code = nullptr;
+bool profile_markers = false;
+bool compiling_parfor = false;
 
 namespace {
 
 struct Region {
   RegionCode rc;
   NativeCode native;
+  std::vector<std::uint64_t> counts;  // PROFILE: runs per statement not yet told to the profiler
 };
 
 bool jit_on = true;
@@ -55,7 +60,14 @@ std::uint32_t mode_word() {
   return h ? h : 1;
 }
 
+// The interpreter thread's sampling state, kept across region entries so
+// that regions entered often are sampled like one long run.
+std::uint64_t prof_rng = 0x2545F4914F6CDD1Dull;
+std::int64_t prof_countdown = 513;
+std::uint64_t prof_weight = 513;
+
 void free_all() {
+  fold_profile_counts();
   for (Region* r : regions) {
     release(&r->native);
     delete r;
@@ -123,6 +135,7 @@ Region* compile(std::uint32_t line, std::uint32_t pos) {
     delete r;
     return nullptr;
   }
+  r->counts.assign(r->rc.stmts.size(), 0);
   regions.push_back(r);
   if (listing_path) write_listing(*r);
   return r;
@@ -172,6 +185,15 @@ bool run(Region* r, const core::Token*& t) {
   f.for_room = core::kMaxFor - core::for_depth();
   f.while_room = core::kMaxWhile - core::while_depth();
   f.gosub_room = core::kMaxGosub - core::gosub_depth();
+  const bool profiling = tools::profiling();
+  if (profiling) {
+    tools::profile_statement(nullptr);  // the interpreter's statement ends here
+    f.poll = prof_countdown;
+    f.prof_stmts = r->rc.stmts.data();
+    f.prof_rng = prof_rng;
+    f.prof_weight = prof_weight;
+    f.prof_info = nullptr;
+  }
 
   std::memset(f.live, 0, sizeof f.live);
   // A loop the interpreter has open on a variable this region loops over:
@@ -185,6 +207,21 @@ bool run(Region* r, const core::Token*& t) {
   const int code = r->native.entry(&f, nesting);
   --nesting;
   running_code = outer;
+  if (profiling) {
+    prof_rng = f.prof_rng;
+    prof_weight = f.prof_weight;
+    prof_countdown = f.prof_info ? profile_interval(&prof_rng) : f.poll;
+    const std::size_t n = std::min<std::size_t>(r->counts.size(), kProfileSlots);
+    for (std::size_t i = 0; i < n; ++i) {
+      r->counts[i] += f.prof_runs[i];
+      f.prof_runs[i] = 0;
+    }
+    // A GOSUB, RETURN or END that leaves the region is run again by the
+    // interpreter, which counts it then.
+    const auto e = static_cast<std::size_t>(f.exit_stmt);
+    if ((code == kTransferGosub || code == kTransferReturn || code == kTransferEnd) && e < n && r->counts[e])
+      --r->counts[e];
+  }
   hand_over(*r, f);
   const StmtInfo& s = r->rc.stmts[static_cast<std::size_t>(f.exit_stmt)];
   switch (code) {
@@ -212,6 +249,8 @@ bool run(Region* r, const core::Token*& t) {
 
 bool offer(const core::Token*& t) {
   if (!jit_on || core::err.flag || !core::compiled_execution_allowed()) return false;
+  // Compiling is no part of the interpreted statement before.
+  if (tools::profiling()) tools::profile_statement(nullptr);
   const std::uint32_t mode = mode_word();
   if (mode != regions_mode) {
     // The program, its variables or the JIT switch changed: every region
@@ -278,6 +317,7 @@ void install() {
 }
 
 bool enabled() { return jit_on; }
+std::uint32_t current_mode_word() { return mode_word(); }
 std::size_t region_count() { return regions.size(); }
 
 // --- helpers called from generated code ------------------------------------
@@ -328,7 +368,49 @@ int helper_statement(NativeFrame*, const core::Token* t, int stmt) {
   return 1;
 }
 
-int helper_poll(NativeFrame*) {
+std::int64_t profile_interval(std::uint64_t* state) {
+  std::uint64_t x = *state;
+  x ^= x << 13;
+  x ^= x >> 7;
+  x ^= x << 17;
+  *state = x;
+  return static_cast<std::int64_t>(x % 1023) + 513;
+}
+
+void profile_end_sample(NativeFrame* f) {
+  const std::uint64_t now = tools::profile_clock();
+  tools::profile_sample(f->prof_info->line, f->prof_info->pos, now - f->prof_t0, f->prof_weight, parfor_active);
+  f->prof_info = nullptr;
+}
+
+// Either the sample in progress ends here (and the next interval starts),
+// or a sample starts: this statement is timed up to the next marker.
+std::int64_t helper_profile(NativeFrame* f, int stmt) {
+  if (f->prof_info) {
+    profile_end_sample(f);
+    f->prof_weight = static_cast<std::uint64_t>(profile_interval(&f->prof_rng));
+    if (helper_poll(f)) return 0;
+    return static_cast<std::int64_t>(f->prof_weight);
+  }
+  f->prof_info = &f->prof_stmts[stmt];
+  f->prof_t0 = tools::profile_clock();
+  return 1;
+}
+
+// Runs counted since the last fold.
+void fold_profile_counts() {
+  for (Region* r : regions) {
+    for (std::size_t i = 0; i < r->counts.size(); ++i) {
+      if (!r->counts[i]) continue;
+      tools::profile_native_runs(r->rc.stmts[i].line, r->rc.stmts[i].pos, r->counts[i]);
+      r->counts[i] = 0;
+    }
+  }
+}
+
+int helper_poll(NativeFrame* f) {
+  if (f->prof_info && tools::profiling()) profile_end_sample(f);
+  if (parfor_active) return parfor_poll();
   if (host::stop_requested() || core::event_pending.load(std::memory_order_relaxed) || screen::keys.has_break() ||
       screen::keys.debugger_request.load(std::memory_order_relaxed)) {
     core::exec.counter = 255;  // the run loop looks at the break key at once

@@ -25,7 +25,7 @@
 
 namespace tools {
 
-void (*audit_extension)(int findings) = nullptr;
+void (*audit_extension)(int findings) = parfor_scalar_check;
 
 namespace {
 

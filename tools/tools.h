@@ -59,5 +59,7 @@ void install_hooks();
 // AUDIT's extensions (the PARFOR scalar check): called after AUDIT's own
 // checks with the number of findings so far; null until installed.
 extern void (*audit_extension)(int findings);
+// The PARFOR scalar check (the extension AUDIT starts with).
+void parfor_scalar_check(int findings);
 
 }  // namespace tools

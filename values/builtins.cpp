@@ -744,11 +744,6 @@ const char* const kPseudo[] = {
 
 Value address(const void* p) { return Value::integer(static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(p)), kInt64); }
 
-unsigned parallel_threads() {
-  unsigned n = host::logical_processors();
-  return n < 1 ? 1 : n > 32 ? 32 : n;
-}
-
 const BuiltinGroup kGroups[] = {
     {kBuiltins, static_cast<int>(sizeof kBuiltins / sizeof kBuiltins[0])},
     core::input_builtins(),
@@ -872,8 +867,8 @@ bool pseudo_value(int index, const Token*& t, Value* out) {
     case P_GRAPITCH: *out = Value::integer(screen::fb.pitch, kLong); return true;
     case P_MOUSEPRESENT: *out = Value::integer(host::ui && !host::ui->headless() ? -1 : 0); return true;
     case P_KEYSTATE: *out = Value::integer(host::ui && !host::ui->headless() ? -1 : 0); return true;
-    case P_PARTHREADS: *out = Value::integer(parallel_threads(), kLong); return true;
-    case P_PARWORKERS: *out = Value::integer(parallel_threads(), kLong); return true;
+    case P_PARTHREADS: *out = Value::integer(host::parfor_cap, kLong); return true;
+    case P_PARWORKERS: *out = Value::integer(host::parfor_last_workers, kLong); return true;
     case P_ARGCOUNT: *out = Value::integer(host::shell.arg_count, kLong); return true;
     case P_LOMEM: case P_VARTABLE: *out = address(arena.lomem); return true;
     case P_HIMEM: *out = address(arena.himem); return true;
