@@ -759,6 +759,8 @@ const BuiltinGroup kGroups[] = {
     sound::sound_builtins(),
     tools::tool_builtins(),
     host::sysinfo_builtins(),
+    {sound::kMidiFunctions, sound::kMidiFunctionCount},
+    {sound::kWavFunctions, sound::kWavFunctionCount},
 };
 
 }  // namespace
