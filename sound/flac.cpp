@@ -51,10 +51,47 @@ struct Bits {
   bool over = false;
 
   void refill() {
+    if (end - p >= 8) {
+      // Eight bytes at once; only the whole bytes that fit are taken, and
+      // the bits below them stay zero (unary() relies on that).
+      std::uint64_t w;
+      std::memcpy(&w, p, 8);
+      w = __builtin_bswap64(w);
+      const int take = (64 - count) >> 3;
+      if (take == 0) return;
+      const int now = count + take * 8;
+      cache |= w >> count;
+      if (now < 64) cache &= ~(~std::uint64_t{0} >> now);
+      p += take;
+      count = now;
+      return;
+    }
     while (count <= 56 && p < end) {
       cache |= static_cast<std::uint64_t>(*p++) << (56 - count);
       count += 8;
     }
+  }
+  // One Rice-coded value with parameter k: the common case, a quotient and
+  // remainder that fit in the cache, takes no loop.
+  std::int64_t rice(int k) {
+    if (count < 40) refill();
+    if (cache != 0) {
+      const int lz = __builtin_clzll(cache);
+      if (lz + 1 + k <= count) {
+        std::uint64_t u = static_cast<std::uint64_t>(lz) << k;
+        cache <<= lz;
+        cache <<= 1;
+        if (k) {
+          u |= cache >> (64 - k);
+          cache <<= k;
+        }
+        count -= lz + 1 + k;
+        return static_cast<std::int64_t>(u >> 1) ^ -static_cast<std::int64_t>(u & 1);
+      }
+    }
+    const std::uint64_t q = unary();
+    const std::uint64_t u = q << k | read(k);
+    return static_cast<std::int64_t>(u >> 1) ^ -static_cast<std::int64_t>(u & 1);
   }
   std::uint32_t read(int n) {  // 0..32 bits
     if (n == 0) return 0;
@@ -130,14 +167,37 @@ bool residual(Bits& b, int order, std::uint32_t block, std::int64_t* out) {
       for (std::uint32_t j = 0; j < n; ++j) out[i++] = b.read_signed(raw);
       continue;
     }
-    for (std::uint32_t j = 0; j < n; ++j) {
-      const std::uint64_t q = b.unary();
-      const std::uint64_t u = q << k | b.read(static_cast<int>(k));
-      out[i++] = static_cast<std::int64_t>(u >> 1) ^ -static_cast<std::int64_t>(u & 1);
-    }
+    const int kk = static_cast<int>(k);
+    for (std::uint32_t j = 0; j < n; ++j) out[i++] = b.rice(kk);
     if (b.over) return false;
   }
   return true;
+}
+
+// The LPC predictor with its order known at compile time, so the inner sum
+// is unrolled; orders above 12 (rare) take the general loop.
+template <int N>
+void lpc_fixed(const std::int64_t* coef, int shift, std::uint32_t block, std::int64_t* out) {
+  for (std::uint32_t i = N; i < block; ++i) {
+    std::int64_t sum = 0;
+    const std::int64_t* h = out + i;
+    for (int j = 0; j < N; ++j) sum += coef[j] * h[-1 - j];
+    out[i] += sum >> shift;
+  }
+}
+
+void lpc_any(int order, const std::int64_t* coef, int shift, std::uint32_t block, std::int64_t* out) {
+  using Fn = void (*)(const std::int64_t*, int, std::uint32_t, std::int64_t*);
+  static constexpr Fn kFixed[13] = {nullptr,         lpc_fixed<1>,  lpc_fixed<2>, lpc_fixed<3>, lpc_fixed<4>,
+                                    lpc_fixed<5>,    lpc_fixed<6>,  lpc_fixed<7>, lpc_fixed<8>, lpc_fixed<9>,
+                                    lpc_fixed<10>,   lpc_fixed<11>, lpc_fixed<12>};
+  if (order <= 12) return kFixed[order](coef, shift, block, out);
+  for (std::uint32_t i = static_cast<std::uint32_t>(order); i < block; ++i) {
+    std::int64_t sum = 0;
+    const std::int64_t* h = out + i;
+    for (int j = 0; j < order; ++j) sum += coef[j] * h[-1 - j];
+    out[i] += sum >> shift;
+  }
 }
 
 bool subframe(Bits& b, int bps, std::uint32_t block, std::int64_t* out) {
@@ -180,12 +240,7 @@ bool subframe(Bits& b, int bps, std::uint32_t block, std::int64_t* out) {
     std::int64_t coef[32];
     for (int i = 0; i < order; ++i) coef[i] = b.read_signed(precision);
     if (!residual(b, order, block, out)) return false;
-    for (std::uint32_t i = static_cast<std::uint32_t>(order); i < block; ++i) {
-      std::int64_t sum = 0;
-      const std::int64_t* h = out + i;
-      for (int j = 0; j < order; ++j) sum += coef[j] * h[-1 - j];
-      out[i] += sum >> shift;
-    }
+    lpc_any(order, coef, shift, block, out);
   } else {
     return false;
   }

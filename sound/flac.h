@@ -5,16 +5,39 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace sound {
+
+// An allocator whose resize leaves new elements uninitialised: decoded
+// samples are written once, so zeroing them first would only cost time.
+template <class T>
+struct UninitAlloc : std::allocator<T> {
+  using std::allocator<T>::allocator;
+  template <class U>
+  struct rebind {
+    using other = UninitAlloc<U>;
+  };
+  template <class U>
+  void construct(U* p) noexcept(std::is_nothrow_default_constructible_v<U>) {
+    ::new (static_cast<void*>(p)) U;
+  }
+  template <class U, class... A>
+  void construct(U* p, A&&... a) {
+    ::new (static_cast<void*>(p)) U(std::forward<A>(a)...);
+  }
+};
 
 struct FlacAudio {
   std::uint32_t rate = 0;
   int channels = 0;
   int bits = 0;
-  std::vector<std::int32_t> samples;  // interleaved
+  std::vector<std::int32_t, UninitAlloc<std::int32_t>> samples;  // interleaved
 };
 
 // True when the data starts as a native FLAC stream ("fLaC").
