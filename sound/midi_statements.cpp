@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/errors.h"
+#include "core/keywords.h"
 #include "host/platform.h"
 #include "host/shell.h"
 #include "screen/console.h"
@@ -295,10 +296,11 @@ void stmt_midfx(const Token*& t) {
   ++t;
   Command c;
   c.kind = kCmdMidiFx;
-  if (t->kind == core::kTokIdent && !is_word(t, "AUTO") && !is_word(t, "OFF") && !is_word(t, "CLEAR") &&
-      (t + 1)->kind != '(' && core::at_statement_end(t + 1))
+  // AUTO and CLEAR are keywords of their own; OFF is a plain word.
+  const bool automatic = t->kind == core::KW_AUTO || t->kind == core::KW_CLEAR;
+  if (t->kind == core::kTokIdent && !is_word(t, "OFF") && (t + 1)->kind != '(' && core::at_statement_end(t + 1))
     return (void)fail("Unknown MIDI command");
-  if (is_word(t, "AUTO") || is_word(t, "CLEAR")) {
+  if (automatic) {
     // CLEAR drops the manual sends as AUTO does and says so explicitly.
     ++t;
     if (!end_of_statement(t)) return;
