@@ -150,6 +150,19 @@ struct Bits {
   const std::uint8_t* byte_pos() const { return p - count / 8; }
 };
 
+// Damaged input is found by the frame CRC only after the frame is decoded,
+// so the arithmetic below must not overflow on garbage: it wraps in unsigned
+// integers, which valid streams never reach.
+inline std::int64_t wrap_add(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+inline std::int64_t wrap_sub(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+inline std::int64_t wrap_mul(std::int64_t a, std::int64_t b) {
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+
 bool residual(Bits& b, int order, std::uint32_t block, std::int64_t* out) {
   const std::uint32_t method = b.read(2);
   if (method > 1) return false;
@@ -181,8 +194,8 @@ void lpc_fixed(const std::int64_t* coef, int shift, std::uint32_t block, std::in
   for (std::uint32_t i = N; i < block; ++i) {
     std::int64_t sum = 0;
     const std::int64_t* h = out + i;
-    for (int j = 0; j < N; ++j) sum += coef[j] * h[-1 - j];
-    out[i] += sum >> shift;
+    for (int j = 0; j < N; ++j) sum = wrap_add(sum, wrap_mul(coef[j], h[-1 - j]));
+    out[i] = wrap_add(out[i], sum >> shift);
   }
 }
 
@@ -195,8 +208,8 @@ void lpc_any(int order, const std::int64_t* coef, int shift, std::uint32_t block
   for (std::uint32_t i = static_cast<std::uint32_t>(order); i < block; ++i) {
     std::int64_t sum = 0;
     const std::int64_t* h = out + i;
-    for (int j = 0; j < order; ++j) sum += coef[j] * h[-1 - j];
-    out[i] += sum >> shift;
+    for (int j = 0; j < order; ++j) sum = wrap_add(sum, wrap_mul(coef[j], h[-1 - j]));
+    out[i] = wrap_add(out[i], sum >> shift);
   }
 }
 
@@ -217,18 +230,9 @@ bool subframe(Bits& b, int bps, std::uint32_t block, std::int64_t* out) {
     if (static_cast<std::uint32_t>(order) > block) return false;
     for (int i = 0; i < order; ++i) out[i] = b.read_signed64(bps);
     if (!residual(b, order, block, out)) return false;
-    switch (order) {
-      case 1: for (std::uint32_t i = 1; i < block; ++i) out[i] += out[i - 1]; break;
-      case 2: for (std::uint32_t i = 2; i < block; ++i) out[i] += 2 * out[i - 1] - out[i - 2]; break;
-      case 3:
-        for (std::uint32_t i = 3; i < block; ++i) out[i] += 3 * out[i - 1] - 3 * out[i - 2] + out[i - 3];
-        break;
-      case 4:
-        for (std::uint32_t i = 4; i < block; ++i)
-          out[i] += 4 * out[i - 1] - 6 * out[i - 2] + 4 * out[i - 3] - out[i - 4];
-        break;
-      default: break;
-    }
+    // The fixed predictors as LPC with small coefficients.
+    static constexpr std::int64_t kFixed[5][4] = {{0}, {1}, {2, -1}, {3, -3, 1}, {4, -6, 4, -1}};
+    if (order > 0) lpc_any(order, kFixed[order], 0, block, out);
   } else if (type >= 32) {
     const int order = static_cast<int>(type - 31);
     if (static_cast<std::uint32_t>(order) > block) return false;
@@ -380,18 +384,18 @@ bool decode_flac(const std::uint8_t* data, std::size_t size, FlacAudio* out, boo
     } else if (assign == 8) {  // left, side
       for (std::uint32_t i = 0; i < block; ++i) {
         o[2 * i] = static_cast<std::int32_t>(a[i]);
-        o[2 * i + 1] = static_cast<std::int32_t>(a[i] - s[i]);
+        o[2 * i + 1] = static_cast<std::int32_t>(wrap_sub(a[i], s[i]));
       }
     } else if (assign == 9) {  // side, right
       for (std::uint32_t i = 0; i < block; ++i) {
-        o[2 * i] = static_cast<std::int32_t>(a[i] + s[i]);
+        o[2 * i] = static_cast<std::int32_t>(wrap_add(a[i], s[i]));
         o[2 * i + 1] = static_cast<std::int32_t>(s[i]);
       }
     } else if (assign == 10) {  // mid, side
       for (std::uint32_t i = 0; i < block; ++i) {
         const std::int64_t m = static_cast<std::int64_t>(static_cast<std::uint64_t>(a[i]) << 1) | (s[i] & 1);
-        o[2 * i] = static_cast<std::int32_t>((m + s[i]) >> 1);
-        o[2 * i + 1] = static_cast<std::int32_t>((m - s[i]) >> 1);
+        o[2 * i] = static_cast<std::int32_t>(wrap_add(m, s[i]) >> 1);
+        o[2 * i + 1] = static_cast<std::int32_t>(wrap_sub(m, s[i]) >> 1);
       }
     } else {
       for (std::uint32_t i = 0; i < block; ++i) {
