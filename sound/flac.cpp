@@ -298,7 +298,10 @@ bool decode_flac(const std::uint8_t* data, std::size_t size, FlacAudio* out, boo
   }
   try {
     out->samples.clear();
-    out->samples.reserve(static_cast<std::size_t>(total * channels));
+    // The header's sample count sizes the buffer only as far as the file's
+    // size makes it plausible; a lying header costs growth, not memory.
+    const std::uint64_t plausible = static_cast<std::uint64_t>(size) * 16;
+    out->samples.reserve(static_cast<std::size_t>(total * channels < plausible ? total * channels : plausible));
   } catch (const std::bad_alloc&) {
     *error = "Decoded FLAC exceeds 2 GiB limit";
     return false;
