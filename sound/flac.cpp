@@ -6,6 +6,8 @@
 #include <cstring>
 #include <new>
 
+#include "host/platform.h"
+
 namespace sound {
 
 namespace {
@@ -302,6 +304,7 @@ bool decode_flac(const std::uint8_t* data, std::size_t size, FlacAudio* out, boo
     // size makes it plausible; a lying header costs growth, not memory.
     const std::uint64_t plausible = static_cast<std::uint64_t>(size) * 16;
     out->samples.reserve(static_cast<std::size_t>(total * channels < plausible ? total * channels : plausible));
+    host::advise_large_buffer(out->samples.data(), out->samples.capacity() * sizeof(std::int32_t));
   } catch (const std::bad_alloc&) {
     *error = "Decoded FLAC exceeds 2 GiB limit";
     return false;

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <new>
 
+#include "host/platform.h"
+
 namespace sound {
 
 namespace {
@@ -68,6 +70,9 @@ bool resample(const ResampleFilter& f, const float* in, std::uint64_t frames, in
               bool (*cancel)(), std::string* error) {
   const std::uint64_t n_out = resampled_frames(frames, f.rate);
   try {
+    out->clear();
+    out->reserve(static_cast<std::size_t>(n_out * channels));
+    host::advise_large_buffer(out->data(), n_out * channels * sizeof(float));
     out->assign(static_cast<std::size_t>(n_out * channels), 0.0f);
   } catch (const std::bad_alloc&) {
     *error = "Out of memory resampling WAV";

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "host/platform.h"
 #include "sound/flac.h"
 #include "sound/resample.h"
 
@@ -116,6 +117,8 @@ bool parse_riff_wav(const std::uint8_t* data, std::size_t size, SourceAudio* out
   const std::uint64_t samples = pcm_len / (bits / 8);
   if (samples * 4 > kLimitBytes) return fail(error, "Decoded WAV exceeds 2 GiB limit");
   try {
+    out->pcm.reserve(static_cast<std::size_t>(samples));
+    host::advise_large_buffer(out->pcm.data(), samples * sizeof(float));
     out->pcm.resize(static_cast<std::size_t>(samples));
   } catch (const std::bad_alloc&) {
     return fail(error, "Decoded WAV exceeds 2 GiB limit");
@@ -220,6 +223,8 @@ bool decode_audio(const std::uint8_t* data, std::size_t size, WavData* out, bool
     FlacAudio fa;
     if (!decode_flac(data, size, &fa, cancel, error)) return false;
     try {
+      src.pcm.reserve(fa.samples.size());
+      host::advise_large_buffer(src.pcm.data(), fa.samples.size() * sizeof(float));
       src.pcm.resize(fa.samples.size());
     } catch (const std::bad_alloc&) {
       return fail(error, "Decoded FLAC exceeds 2 GiB limit");
