@@ -30,6 +30,7 @@ void (*close_all_files)() = nullptr;
 void (*restore_data)() = nullptr;
 void (*flush_files)() = nullptr;
 void (*reset_graphics_state)() = nullptr;
+void (*clear_sound_slots)() = nullptr;
 bool (*offer_compiled_region)(const Token*& t) = nullptr;
 void (*after_statement)() = nullptr;
 bool (*debugger_hook)(const Token* t) = nullptr;
@@ -507,6 +508,7 @@ bool eval_line_number(const Token*& t, std::uint32_t* number) {
 
 void clear_run_state() {
   if (close_all_files) close_all_files();
+  if (clear_sound_slots) clear_sound_slots();
   values::clear_variables();
   reset_stacks();
   on_error_line = on_break_line = 0;

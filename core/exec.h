@@ -106,6 +106,8 @@ extern void (*restore_data)();
 extern void (*flush_files)();
 // RUN starts with no sprites, bitmaps, VIEW or WINDOW.
 extern void (*reset_graphics_state)();
+// RUN, CLEAR, NEW and LOAD empty the MIDI song slots.
+extern void (*clear_sound_slots)();
 
 // Developer tools. after_statement runs after every statement while set
 // (TRACE's watches). debugger_hook is asked before the statement at t while

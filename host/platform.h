@@ -15,6 +15,11 @@ namespace host {
 // so a large reservation costs nothing until used. Returns nullptr on failure.
 void* reserve_memory(std::size_t bytes);
 void release_memory(void* base, std::size_t bytes);
+// A large heap buffer about to be filled front to back (decoded sound): ask
+// for large pages where the system gives them on request, so that filling it
+// takes a few hundred page faults instead of hundreds of thousands. Only the
+// whole pages inside the buffer are affected; nothing happens elsewhere.
+void advise_large_buffer(void* p, std::size_t bytes);
 // The figure the data arena is sized from: the smallest of the installed
 // physical memory, the total physical memory and the system commit limit.
 std::uint64_t memory_reference_bytes();

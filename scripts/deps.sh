@@ -7,7 +7,8 @@ case "${1:-run}" in
              libopus-dev libogg-dev libopusfile-dev fluid-soundfont-gm) ;;
   test) want=(build-essential cmake ninja-build pkg-config libsdl2-dev libcurl4-openssl-dev python3
               libopus-dev libogg-dev libopusfile-dev fluid-soundfont-gm
-              libgtest-dev xvfb xauth x11-apps x11-utils xdotool clang libclang-rt-14-dev tmux) ;;
+              libgtest-dev xvfb xauth x11-apps x11-utils xdotool clang libclang-rt-14-dev tmux
+              sox flac opus-tools) ;;
   windows) want=(cmake ninja-build python3 g++-mingw-w64-x86-64-posix wine wine64
                  xvfb x11-utils x11-apps xdotool) ;;
   *) echo "usage: scripts/deps.sh run|test|windows" >&2; exit 2 ;;

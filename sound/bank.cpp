@@ -403,6 +403,13 @@ const Bank* preload_bank(int workers) {
   return try_load(workers);
 }
 
+const Bank* reload_bank_for_tests() {
+  published.store(nullptr, std::memory_order_release);
+  delete the_bank;
+  the_bank = nullptr;
+  return try_load(1);
+}
+
 const std::string& bank_error() { return last_error; }
 
 int find_zones(const Bank& b, int program, int key, int velocity, const Zone** out, int max) {

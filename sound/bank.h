@@ -64,6 +64,9 @@ const Bank* loaded_bank();
 // SOUND PRELOAD: load now (again after a failure) with a worker cap.
 const Bank* preload_bank(int workers);
 const std::string& bank_error();
+// Tests with banks of their own in one process: drop the bank and load the
+// one TAMBRIL_GM_BANK names now. No voice may be sounding.
+const Bank* reload_bank_for_tests();
 // The bank file's full name: TAMBRIL_GM_BANK when set, else beside the executable.
 std::string bank_path();
 

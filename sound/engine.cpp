@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "host/platform.h"
+#include "sound/midi_player.h"
 #include "sound/voice.h"
+#include "sound/wav_player.h"
 
 namespace sound {
 
@@ -28,6 +30,9 @@ namespace {
 Command ring[kRingSize];
 std::atomic<unsigned> write_index{0};
 std::atomic<unsigned> read_index{0};
+// Commands posted through the ring and applied from it, for sync().
+std::uint64_t posted = 0;
+std::atomic<std::uint64_t> applied{0};
 
 host::AudioDevice* device = nullptr;
 bool device_made = false;
@@ -175,6 +180,8 @@ bool start() {
   // Commands posted before the start were applied already; the ring starts empty.
   read_index = 0;
   write_index = 0;
+  posted = 0;
+  applied = 0;
   status.device_error = 0;
   device->pause();
   const std::size_t bytes = kBufferFrames * 2 * host::audio_bytes_per_sample(format);
@@ -241,18 +248,41 @@ bool post(const Command& c) {
   const unsigned next = (w + 1) % kRingSize;
   if (next == read_index.load(std::memory_order_acquire)) return false;
   ring[w] = c;
+  ++posted;
   write_index.store(next, std::memory_order_release);
+  return true;
+}
+
+bool sync() {
+  if (!status.running || !audio_thread.joinable()) return true;
+  Command c;
+  c.kind = kCmdSync;
+  const std::uint64_t start = host::tick_ms();
+  while (!post(c)) {  // a full ring empties within a buffer's time
+    if (!status.running || status.device_error != 0) return !status.running;
+    if (host::tick_ms() - start > 2000) return false;
+    host::sleep_ms(1);
+  }
+  const std::uint64_t want = posted;
+  while (applied.load(std::memory_order_acquire) < want) {
+    if (!status.running) return true;
+    if (host::tick_ms() - start > 2000) return false;
+    host::sleep_ms(1);
+  }
   return true;
 }
 
 void apply_pending() {
   unsigned r = read_index.load(std::memory_order_relaxed);
   const unsigned w = write_index.load(std::memory_order_acquire);
+  std::uint64_t n = 0;
   while (r != w) {
     apply(ring[r]);
     r = (r + 1) % kRingSize;
+    ++n;
   }
   read_index.store(r, std::memory_order_release);
+  if (n) applied.fetch_add(n, std::memory_order_release);
 }
 
 int channel_program(int channel) { return channel >= 0 && channel < kChannels ? interp_program[channel] : 0; }
@@ -264,6 +294,8 @@ void render(double* out, unsigned frames) {
     double* block = out + 2 * done;
     std::memset(block, 0, sizeof(double) * 2 * n);
     mix_voices(block, n);
+    midi_mix(block, n);
+    wav_mix(block, n);
     for (unsigned i = 0; i < 2 * n; ++i) block[i] *= gain;
   }
   status.active_voices = active_voices();

@@ -5,6 +5,7 @@
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "host/audio.h"
@@ -29,12 +30,29 @@ enum CommandKind : std::uint8_t {
   kCmdMaster = 6,
   kCmdKey = 7,
   kCmdBeep = 8,
+  // The MIDI player (sound/midi_player.cpp).
+  kCmdMidiPlay = 9,     // pointer: the song; note: loop; key: slot; value: generation
+  kCmdMidiStop = 10,    // value: generation
+  kCmdMidiCC = 11,      // channel: part (255 all); control: controller; velocity: value
+  kCmdMidiFx = 12,      // gate: 0 auto, 1 manual, 2 off; note/velocity/control: reverb/chorus/delay
+  kCmdMidiForget = 13,  // pointer: a song about to be freed
+  // The WAV channels (sound/wav_player.cpp).
+  kCmdWavPlay = 14,     // pointer: the slot's PCM; channel; gate: loop; value: volume; x: pan; key: slot
+  kCmdWavStop = 15,     // channel (255 all)
+  kCmdWavPause = 16,
+  kCmdWavResume = 17,
+  kCmdWavCtl = 18,      // channel; value: volume; x: pan
+  kCmdWavForget = 19,   // pointer: a slot's PCM about to be freed
+  kCmdSync = 20,        // nothing: sync() waits until it has been applied
 };
 
 // One queue slot, copied whole.
 //
 //   0 kind   1 channel   2 note   3 velocity   4 control(u16)   6 gate   7 -
 //   8 key (u32)  12 -    16 value (f64)  24 pitch  32 pressure  40 x  48 y
+//
+// The MIDI and WAV kinds carry a pointer in the bytes of `pitch` (see
+// set_pointer), which they do not otherwise use.
 struct Command {
   std::uint8_t kind = 0;
   std::uint8_t channel = 0;
@@ -52,6 +70,14 @@ struct Command {
   double y = 0;
 };
 static_assert(sizeof(Command) == 56, "sound commands are 56 bytes");
+
+inline void set_pointer(Command& c, const void* p) { std::memcpy(&c.pitch, &p, sizeof p); }
+template <class T>
+inline T* get_pointer(const Command& c) {
+  const void* p;
+  std::memcpy(&p, &c.pitch, sizeof p);
+  return static_cast<T*>(const_cast<void*>(p));
+}
 
 // The live-control names, numbered 0..24.
 extern const char* const kControlNames[kControlCount];
@@ -85,6 +111,12 @@ const char* backend_name();
 // device error is recorded or the ring is full (the caller raises "Sound
 // command queue full").
 [[nodiscard]] bool post(const Command& c);
+
+// Wait until the audio thread has applied every command posted so far, so
+// that nothing it renders still points at data the caller is about to free.
+// True at once when no audio thread runs; false when the thread did not
+// answer within two seconds (the caller must then keep the data).
+[[nodiscard]] bool sync();
 
 // Tests put their own device in place of the session's (stops the engine).
 void use_device_for_tests(host::AudioDevice* d);

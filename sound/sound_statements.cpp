@@ -8,6 +8,7 @@
 #include <string>
 
 #include "core/errors.h"
+#include "core/exec.h"
 #include "core/keywords.h"
 #include "screen/console.h"
 #include "sound/bank.h"
@@ -411,11 +412,19 @@ bool engine_bell() {
   return post(c);
 }
 
+void clear_slots_for_run() {
+  clear_midi_slots();
+  reset_wav_channel_choice();
+}
+
 }  // namespace
 
 const values::BuiltinGroup& sound_builtins() { return kGroup; }
 
-void install_hooks() { screen::engine_bell = engine_bell; }
+void install_hooks() {
+  screen::engine_bell = engine_bell;
+  core::clear_sound_slots = clear_slots_for_run;
+}
 
 void shutdown() { stop(); }
 

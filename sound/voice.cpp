@@ -8,6 +8,8 @@
 
 #include "sound/bank.h"
 #include "sound/engine.h"
+#include "sound/midi_player.h"
+#include "sound/wav_player.h"
 #include "values/mathlib.h"
 
 namespace sound {
@@ -17,61 +19,11 @@ namespace {
 constexpr double kLn2 = 0.69314718055994530942;
 constexpr double kLn10 = 2.30258509299404568402;
 constexpr double kLn1000 = 6.90775527898213705205;
-constexpr std::uint32_t kNoKey = 0xFFFFFFFF;
 constexpr int kSineSize = 4096;
-
-enum ControlNo {
-  kVolume = 0, kPan = 1, kBrightness = 2, kAttack = 4, kRelease = 5, kPressure = 6, kTimbre = 7,
-  kVibrato = 9, kVibrate = 10, kDetune = 17, kMute = 23,
-};
-
-struct Channel {
-  int program = 0;
-  double control[kControlCount] = {};
-  void reset() {
-    program = 0;
-    std::memset(control, 0, sizeof control);
-    control[kVolume] = 1;
-    control[kBrightness] = 1;
-    control[kPressure] = 1;
-    control[kVibrate] = 5.5;
-  }
-};
-
-struct Voice {
-  bool active = false;
-  bool released = false;
-  bool loop = false;
-  bool loop_until_release = false;
-  std::uint8_t channel = 0, note = 0;
-  std::uint32_t key = kNoKey;   // SOUNDKEY's key, kNoKey for NOTE voices
-  std::uint64_t started = 0;    // allocation order, for stealing the oldest
-  const std::int16_t* pcm = nullptr;
-  std::int64_t end = 0, loop_start = 0, loop_end = 0;
-  double pos = 0, step = 1, src_ratio = 1;
-  double base_cents = 0, bend_cents = 0;
-  double vib_phase = 0;
-  int countdown = 0;
-  double gain = 1;          // velocity and the zone's attenuation
-  double key_gain = 1;      // SOUNDKEY pressure
-  double key_x = 0, key_brightness = 1;
-  double zone_pan = 0;
-  double env = 0;           // envelope level
-  double attack_inc = 1;    // per sample while attacking
-  bool attacking = true;
-  double sustain = 1, decay_mul = 1;
-  double release_time = 0.1, release_mul = 1;
-  std::uint16_t exclusive = 0;
-  double age = 0;           // samples
-  double sweep_g = 0.45;
-  double lp[4] = {};
-  double bright_state = 0;
-  RememberedExp rexp;
-};
 
 Channel channels[kChannels];
 Voice voices[kMaxVoices];
-std::uint64_t voice_clock = 0;
+VoiceSet notes{channels, voices, kMaxVoices, 0};
 bool channels_ready = false;
 
 struct Beep {
@@ -101,56 +53,64 @@ void ensure_channels() {
 
 double pow10(double x) { return values::exp_raw(x * kLn10); }
 
-Voice* allocate_voice() {
+Voice* allocate_voice(VoiceSet& set) {
   Voice* best = nullptr;
-  for (Voice& v : voices)
-    if (!v.active) return &v;
+  Voice* const first = set.voices;
+  Voice* const last = set.voices + set.count;
+  for (Voice* v = first; v != last; ++v)
+    if (!v->active) return v;
   // All busy: the quietest released voice goes first, else the oldest.
-  for (Voice& v : voices)
-    if (v.released && (!best || v.env < best->env)) best = &v;
+  for (Voice* v = first; v != last; ++v)
+    if (v->released && (!best || v->env < best->env)) best = v;
   if (best) return best;
-  for (Voice& v : voices)
-    if (!best || v.started < best->started) best = &v;
+  for (Voice* v = first; v != last; ++v)
+    if (!best || v->started < best->started) best = v;
   return best;
 }
 
-void release(Voice& v) {
+}  // namespace
+
+void release(VoiceSet& set, Voice& v) {
   if (v.released) return;
   v.released = true;
+  v.sustained = false;
   if (v.loop_until_release) v.loop = false;
   double t = v.release_time;
-  const double r = channels[v.channel].control[kRelease];
+  const double r = set.channels[v.channel].control[kRelease];
   if (r > 0.001) t *= r / 0.45 < 10 ? r / 0.45 : 10;
   if (t < 0.001) t = 0.001;
   v.release_mul = v.rexp(-kLn1000 / (t * kRate));
 }
 
-void strike(int channel, int note, int velocity, std::uint32_t key, double bend, double pressure, double x, double y) {
+int strike(VoiceSet& set, int channel, int note, int velocity, std::uint32_t key, double bend, double pressure,
+           double x, double y) {
   const Bank* b = loaded_bank();
-  if (!b) return;
-  Channel& ch = channels[channel];
+  if (!b) return 0;
+  Channel& ch = set.channels[channel];
   const Zone* zones[8];
   const int n = find_zones(*b, ch.program, note, velocity, zones, 8);
+  Voice* const first = set.voices;
+  Voice* const last = set.voices + set.count;
   // A note struck again on its channel releases its earlier voice.
-  for (Voice& v : voices)
-    if (v.active && v.channel == channel && v.note == note && v.key == kNoKey && key == kNoKey) release(v);
+  for (Voice* v = first; v != last; ++v)
+    if (v->active && v->channel == channel && v->note == note && v->key == kNoKey && key == kNoKey) release(set, *v);
   for (int i = 0; i < n; ++i) {
     const Zone& z = *zones[i];
     if (z.exclusive)
-      for (Voice& v : voices)
-        if (v.active && v.channel == channel && v.exclusive == z.exclusive) release(v);
+      for (Voice* v = first; v != last; ++v)
+        if (v->active && v->channel == channel && v->exclusive == z.exclusive) release(set, *v);
   }
   for (int i = 0; i < n; ++i) {
     const Zone& z = *zones[i];
     const SampleInfo& s = b->samples[z.sample];
-    Voice* vp = allocate_voice();
+    Voice* vp = allocate_voice(set);
     Voice& v = *vp;
     v = Voice{};
     v.active = true;
     v.channel = static_cast<std::uint8_t>(channel);
     v.note = static_cast<std::uint8_t>(note);
     v.key = key;
-    v.started = ++voice_clock;
+    v.started = ++set.clock;
     v.pcm = b->sample_pcm(z.sample);
     v.end = z.end <= s.frames ? z.end : s.frames;
     v.loop_start = z.loop_start;
@@ -175,7 +135,10 @@ void strike(int channel, int note, int velocity, std::uint32_t key, double bend,
     v.release_time = z.release;
     v.exclusive = z.exclusive;
   }
+  return n;
 }
+
+namespace {
 
 void apply_key(const Command& c) {
   bool found = false;
@@ -183,7 +146,7 @@ void apply_key(const Command& c) {
     if (!v.active || v.channel != c.channel || v.key != c.key || v.released) continue;
     found = true;
     if (c.gate == 0) {
-      release(v);
+      release(notes, v);
     } else {
       v.bend_cents = (c.pitch - v.note) * 100.0;
       v.key_gain = c.pressure;
@@ -194,7 +157,7 @@ void apply_key(const Command& c) {
   if (found || c.gate == 0) return;
   int note = static_cast<int>(c.pitch + 0.5);
   if (note > 127) note = 127;
-  strike(c.channel, note, 100, c.key, (c.pitch - note) * 100.0, c.pressure, c.x, c.y);
+  (void)strike(notes, c.channel, note, 100, c.key, (c.pitch - note) * 100.0, c.pressure, c.x, c.y);
 }
 
 // p0..p3 around position i (p1 = sample i), wrapping through the loop.
@@ -208,14 +171,17 @@ inline double at(const Voice& v, std::int64_t k) {
   return v.pcm[k];
 }
 
-void render_voice(Voice& v, double* block, unsigned n) {
-  const Channel& ch = channels[v.channel];
+}  // namespace
+
+void render_voice(const VoiceSet& set, Voice& v, double* block, unsigned n) {
+  const Channel& ch = set.channels[v.channel];
   const bool mute = ch.control[kMute] != 0;
   double pan = ch.control[kPan] + v.zone_pan + v.key_x;
   pan = pan < -1 ? -1 : pan > 1 ? 1 : pan;
-  const double gain = v.gain * v.key_gain * ch.control[kVolume] * ch.control[kPressure] * (mute ? 0 : 1) / 32768.0;
-  const double gl = 0.7071 * (1 - 0.78 * pan) * gain;
-  const double gr = 0.7071 * (1 + 0.78 * pan) * gain;
+  const double gain =
+      v.gain * v.key_gain * ch.control[kVolume] * ch.control[kPressure] * ch.part_gain * (mute ? 0 : 1) / 32768.0;
+  const double gl = 0.7071 * (1 - 0.78 * pan) * gain * ch.side_l;
+  const double gr = 0.7071 * (1 + 0.78 * pan) * gain * ch.side_r;
   double sweep = ch.control[kTimbre];
   const double kx = v.key_x < 0 ? -v.key_x : v.key_x;
   if (v.key != kNoKey && kx > sweep) sweep = kx;
@@ -226,7 +192,7 @@ void render_voice(Voice& v, double* block, unsigned n) {
   const double bright_c = bright <= 0 ? 0.02 : 0.02 + 0.98 * bright;
   const double depth = ch.control[kVibrato];
   const double vib_inc = ch.control[kVibrate] / kRate;
-  const double bend = v.bend_cents + ch.control[kDetune];
+  const double bend = v.bend_cents + ch.control[kDetune] + ch.part_cents;
   const std::int64_t limit = v.loop ? v.loop_end : v.end;
   unsigned i = 0;
   while (i < n) {
@@ -299,6 +265,8 @@ void render_voice(Voice& v, double* block, unsigned n) {
   }
 }
 
+namespace {
+
 void render_beep(double* block, unsigned n) {
   for (unsigned i = 0; i < n && beep.left > 0; ++i, --beep.left) {
     // 5 ms ramps at both ends keep the beep from clicking.
@@ -337,14 +305,16 @@ double sine(double phase) {
 
 void apply(const Command& c) {
   ensure_channels();
+  if (c.kind >= kCmdMidiPlay && c.kind <= kCmdMidiForget) return midi_apply(c);
+  if (c.kind >= kCmdWavPlay && c.kind <= kCmdWavForget) return wav_apply(c);
   if (c.channel >= kChannels) return;
   switch (c.kind) {
     case kCmdNoteOn:
-      strike(c.channel, c.note, c.velocity, kNoKey, 0, 1, 0, 1);
+      (void)strike(notes, c.channel, c.note, c.velocity, kNoKey, 0, 1, 0, 1);
       break;
     case kCmdNoteOff:
       for (Voice& v : voices)
-        if (v.active && v.channel == c.channel && v.note == c.note && v.key == kNoKey) release(v);
+        if (v.active && v.channel == c.channel && v.note == c.note && v.key == kNoKey) release(notes, v);
       break;
     case kCmdInstrument:
       channels[c.channel].program = static_cast<int>(c.value);
@@ -377,7 +347,7 @@ void apply(const Command& c) {
 void mix_voices(double* block, unsigned n) {
   ensure_channels();
   for (Voice& v : voices)
-    if (v.active) render_voice(v, block, n);
+    if (v.active) render_voice(notes, v, block, n);
   if (beep.left > 0) render_beep(block, n);
 }
 

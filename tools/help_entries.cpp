@@ -645,51 +645,116 @@ const HelpEntry kHelpEntries[] = {
 
     // ---------------------------------------------------------------- MIDI
     {"LOADMID", "MIDI", "LOADMID slot,filename$",
-     "Load a Standard MIDI File (format 0 or 1) or a RIFF RMID file into song slot 0..255; a failed load "
-     "keeps the slot's old song.",
+     "Load a Standard MIDI File (format 0 or 1) or a RIFF RMID file into song slot 0..255 (\"MIDI slot must "
+     "be 0..255\"). The tracks are merged in time order and every event is stamped in 48 kHz output frames "
+     "along the tempo map (or the SMPTE division: 24, 25, 29.97 or 30 fps). Files are at most 64 MiB, one "
+     "million events and 24 hours; each rule broken has its message (\"Not a Standard MIDI File\", \"MIDI "
+     "format 2 is not supported; use format 0 or 1\", \"Invalid MIDI track count\", \"Truncated MIDI "
+     "chunk\", \"MIDI duration exceeds 24 hours\", ...). A failed load keeps the slot's old song. After a "
+     "load, instruments or drum keys the GM bank lacks and extensions played as General MIDI (bank selects, "
+     "unknown kits, other makers' SysEx) are reported; MIDINFO tells which. RUN, CLEAR, NEW and LOAD empty "
+     "the slots.",
      nullptr},
     {"PLAYMID", "MIDI", "PLAYMID slot[,loop]",
-     "Start asynchronous playback; loop 0 or 1.", nullptr},
-    {"STOPMID", "MIDI", "STOPMID", "Stop the MIDI voices; loaded songs and other sound are kept.", nullptr},
-    {"WAITMID", "MIDI", "WAITMID", "Wait until the score and its release tails end; Esc cancels.", nullptr},
-    {"DELMID", "MIDI", "DELMID slot", "Stop the slot if it plays and free its song.", nullptr},
+     "Play a loaded song in the background on the 16 MIDI parts (programs, bank selects played as General "
+     "MIDI, drum kits on part 10 or GS rhythm parts, controllers, pitch bend, pedals, GS and universal "
+     "SysEx settings). loop 1 starts the score again after its length (\"PLAYMID loop must be 0 or 1\"; "
+     "\"Cannot loop a zero-duration MIDI\"). A new PLAYMID replaces the song playing. Errors: \"MIDI slot is "
+     "not loaded\", \"No PCM sound backend available for MIDI\", \"MIDI wavetable playback needs "
+     "TAMBRIL_GM.QZGM\", \"MIDI audio transport failed\"; an engine argument other than 2, \"GM\" or "
+     "\"WAVETABLE\" is \"Only wavetable MIDI playback is available\".",
+     nullptr},
+    {"STOPMID", "MIDI", "STOPMID",
+     "Stop the song: its voices fade out in 10 ms. Loaded songs, notes and WAV channels are kept.", nullptr},
+    {"WAITMID", "MIDI", "WAITMID",
+     "Wait until the score and its release tails have ended (tails stop after 30 seconds at most). Esc "
+     "breaks the wait as it breaks a program.",
+     nullptr},
+    {"DELMID", "MIDI", "DELMID slot",
+     "Free a song slot, stopping the song first when it plays; an empty slot is no error.", nullptr},
     {"MIDINFO", "MIDI", "MIDINFO slot",
-     "Report the song: format, tracks and events, duration, timing, load diagnostics and the instruments it "
-     "uses.",
+     "The MIDI SLOT report: SMF format, tracks and events, duration in ms, note-ons, timing, the load "
+     "diagnostics (GS DT1 packets, skipped SysEx, meta and controller events, bank selects and kits played "
+     "as General MIDI, tracks without an end), the playback state (\"Playback     : not started\", "
+     "\"Playing slot :\", \"Releasing slot:\", \"Last slot    :\" with missed notes and ignored controls), "
+     "whether the wavetable bank is loaded (it loads it), and USED INSTRUMENTS with \"[WAVETABLE PRESENT]\" "
+     "or \"[WAVETABLE MISSING]\" and the drum keys each kit plays.",
      nullptr},
     {"MIDCC", "MIDI", "MIDCC part,controller,value",
-     "Send a controller to MIDI part 0..15, or to all parts with -1; controller and value 0..127.", nullptr},
+     "Send a controller to MIDI part 0..15, or once to every part with -1; value 0..127. The controllers are "
+     "0-2, 4-8, 10, 11, 32-34, 36-40, 42, 43, 64-69, 71-78, 84, 88, 91-101, 120, 121 and 123-127 (\"Unsupported "
+     "MIDI controller\" for others): volume 7 and expression 11, pan 10 and balance 8 (with their fine "
+     "parts), modulation 1 and vibrato 76-78, sustain 64, sostenuto 66, soft 67, hold 69, resonance 71, "
+     "release 72, attack 73, brightness 74, the reverb, chorus and delay sends 91, 93 and 94, RPNs (bend "
+     "range, fine and coarse tuning) through 6, 38, 96-101, and the channel mode messages. Later events of "
+     "the song may set the controller again.",
+     nullptr},
     {"MIDCCINFO", "MIDI", "MIDCCINFO",
-     "Report the live MIDI parts, voices, CC91/93/94 sends and the effect meters.", nullptr},
+     "The MIDI FXROUTE report: the player's state, the effect routing (AUTO: the file's CC91/93/94 and GS "
+     "return levels; MANUAL ALL PARTS; OFF), the file's return levels, recent send and wet peaks of the "
+     "reverb, chorus and delay in ppm of full scale (before the master gain, decaying over about a second), "
+     "and per part: channel, program, live voices, note-ons and the three sends as the file set them and as "
+     "they are now.",
+     nullptr},
     {"MIDFX", "MIDI", "MIDFX reverb,chorus,delay | MIDFX AUTO | MIDFX OFF | MIDFX CLEAR",
-     "Manual reverb, chorus and delay sends 0..127 for every MIDI part; AUTO follows the file.", nullptr},
-    {"MIDLENGTH", "MIDI", "MIDLENGTH(slot)", "The score length in seconds, without release tails.", nullptr},
-    {"MIDPOS", "MIDI", "MIDPOS()", "The rendered position in seconds.", nullptr},
-    {"MIDSTATE", "MIDI", "MIDSTATE()", "0 stopped, 1 playing the score, 2 release tails.", nullptr},
-    {"MIDPLAYING", "MIDI", "MIDPLAYING()", "-1 while events or tails render, else 0.", nullptr},
+     "Effect sends of the MIDI parts: three values 0..127 (\"MIDFX values must be 0..127\") replace every "
+     "part's sends with the standard processor settings; AUTO (and CLEAR, which drops the manual values) "
+     "follows the file's CC91/93/94 and GS return levels; OFF turns the reverb, chorus and delay off. The "
+     "setting survives PLAYMID and the song's resets. Another word is \"Unknown MIDI command\". Notes, "
+     "SOUNDKEY and WAV channels never go through these effects.",
+     nullptr},
+    {"MIDLENGTH", "MIDI", "MIDLENGTH(slot)",
+     "The score length of a loaded song in seconds, without release tails (\"MIDI slot is not loaded\").",
+     nullptr},
+    {"MIDPOS", "MIDI", "MIDPOS()", "The rendered position of the playing score in seconds, at most its length; 0 "
+     "when stopped.", nullptr},
+    {"MIDSTATE", "MIDI", "MIDSTATE()", "0 stopped, 1 playing the score, 2 release tails after its end.", nullptr},
+    {"MIDPLAYING", "MIDI", "MIDPLAYING()", "-1 while the score or its release tails render, else 0.", nullptr},
 
     // ---------------------------------------------------------------- WAV
     {"LOADWAV", "WAV", "LOADWAV slot,filename$",
-     "Load a mono or stereo WAV, FLAC or Ogg Opus file into slot 0..255, resampled to 48 kHz.", nullptr},
-    {"PLAYWAV", "WAV", "PLAYWAV slot[,channel[,loop[,volume[,pan]]]]",
-     "Start playing a slot asynchronously; channel 0..63 (omitted or -1 picks a free one), loop 0/1, volume "
-     "0..1, pan -1..1.",
+     "Load a sound into slot 0..255, recognised by its content: RIFF WAV (PCM 8/16/24/32 or float 32/64, "
+     "also WAVEFORMATEXTENSIBLE), native FLAC (4..32 bits) or Ogg Opus (chained links too), mono or stereo, "
+     "4,000..192,000 Hz. It is decoded once and resampled to 48 kHz with a polyphase windowed-sinc filter. "
+     "Decoded sound is at most 2 GiB. Each broken rule has its message (\"WAV file not found\", \"Expected "
+     "RIFF WAV, native FLAC or Ogg Opus\", \"WAV must be mono or stereo\", \"Invalid or truncated FLAC\", "
+     "\"Opus needs consistent mono/stereo channels across links\", ...); Esc cancels a long load (\"WAV "
+     "load cancelled\"). A failed load keeps the slot as it was.",
      nullptr},
-    {"STOPWAV", "WAV", "STOPWAV [channel]", "Stop one or all channels with a 5 ms fade.", nullptr},
-    {"PAUSEWAV", "WAV", "PAUSEWAV [channel]", "Pause one or all channels.", nullptr},
+    {"PLAYWAV", "WAV", "PLAYWAV slot[,channel[,loop[,volume[,pan]]]]",
+     "Play a slot in the background on playback channel 0..63; without a channel (or -1) the lowest idle "
+     "one is taken (\"All 64 WAV playback channels are busy\") and WAVCHANNEL() tells which. loop 0/1, "
+     "volume 0..1 (1), pan -1..1 (0): a mono slot pans at constant power, a stereo slot is balanced. "
+     "\"WAV slot is not loaded\" for an empty slot. Playback survives errors, STOP and END.",
+     nullptr},
+    {"STOPWAV", "WAV", "STOPWAV [channel]", "Stop one channel or all of them with a 5 ms fade.", nullptr},
+    {"PAUSEWAV", "WAV", "PAUSEWAV [channel]",
+     "Pause one channel or all playing ones at the rendered position (a 5 ms fade).", nullptr},
     {"RESUMEWAV", "WAV", "RESUMEWAV [channel]", "Resume paused channels with a 5 ms ramp.", nullptr},
-    {"WAITWAV", "WAV", "WAITWAV [channel]", "Wait for one or all channels to finish; Esc cancels.", nullptr},
-    {"DELWAV", "WAV", "DELWAV slot", "Stop every instance of the slot and free its sound.", nullptr},
-    {"WAVCTL", "WAV", "WAVCTL channel,volume[,pan]", "Live volume and pan, smoothed over 5 ms.", nullptr},
-    {"WAVINFO", "WAV", "WAVINFO [slot]", "The pool report, or a slot's codec and decoded format.", nullptr},
-    {"WAVCHANNEL", "WAV", "WAVCHANNEL()", "The channel PLAYWAV chose last (-1 after a reset).", nullptr},
-    {"WAVACTIVE", "WAV", "WAVACTIVE()", "The number of occupied playback channels.", nullptr},
-    {"WAVPLAYING", "WAV", "WAVPLAYING([channel])", "-1 while playing or fading, else 0.", nullptr},
+    {"WAITWAV", "WAV", "WAITWAV [channel]",
+     "Wait until one channel or all are idle, paused and looping ones included; Esc breaks the wait.", nullptr},
+    {"DELWAV", "WAV", "DELWAV slot",
+     "Stop every channel playing the slot at once and free its sound; an empty slot is no error.", nullptr},
+    {"WAVCTL", "WAV", "WAVCTL channel,volume[,pan]",
+     "Change a channel's volume (0..1) and pan (-1..1, 0 when omitted) while it plays, smoothed over 5 ms.",
+     nullptr},
+    {"WAVINFO", "WAV", "WAVINFO [slot]",
+     "Without a slot the pool report (\"WAV pool     :\" occupied channels of 64, \"WAV slots    :\" loaded "
+     "slots and their PCM bytes); with one the slot's codec, its format before decoding and the decoded "
+     "48 kHz sound (\"WAV slot is not loaded\" for an empty slot).",
+     nullptr},
+    {"WAVCHANNEL", "WAV", "WAVCHANNEL()", "The channel PLAYWAV chose last; -1 after RUN, CLEAR, NEW and LOAD.",
+     nullptr},
+    {"WAVACTIVE", "WAV", "WAVACTIVE()", "The number of occupied playback channels (playing, paused or stopping).",
+     nullptr},
+    {"WAVPLAYING", "WAV", "WAVPLAYING([channel])",
+     "-1 while the channel (or any channel) plays or fades out, else 0.", nullptr},
     {"WAVSTATE", "WAV", "WAVSTATE(channel)", "0 idle, 1 playing, 2 paused, 3 stopping.", nullptr},
     {"WAVPOS", "WAV", "WAVPOS(channel)", "The rendered position in seconds (wrapping when looping).", nullptr},
-    {"WAVLENGTH", "WAV", "WAVLENGTH(slot)", "The duration of a slot in seconds.", nullptr},
+    {"WAVLENGTH", "WAV", "WAVLENGTH(slot)",
+     "The duration of a slot in seconds; \"WAV slot is not loaded\" for an empty slot.", nullptr},
     {"WAVLOADED", "WAV", "WAVLOADED(slot)", "-1 when the slot holds a sound, else 0.", nullptr},
-    {"WAVSLOT", "WAV", "WAVSLOT(channel)", "The slot a channel plays, or -1.", nullptr},
+    {"WAVSLOT", "WAV", "WAVSLOT(channel)", "The slot a channel plays, or -1 when it is idle.", nullptr},
 
     // ---------------------------------------------------------------- FILE
     {"OPEN", "FILE",

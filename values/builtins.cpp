@@ -754,6 +754,8 @@ const BuiltinGroup kGroups[] = {
     sound::sound_builtins(),
     tools::tool_builtins(),
     host::sysinfo_builtins(),
+    {sound::kMidiFunctions, sound::kMidiFunctionCount},
+    {sound::kWavFunctions, sound::kWavFunctionCount},
 };
 
 }  // namespace

@@ -45,6 +45,14 @@ void release_memory(void* base, std::size_t bytes) {
   if (base) munmap(base, bytes);
 }
 
+void advise_large_buffer(void* p, std::size_t bytes) {
+  constexpr std::uintptr_t kHuge = std::uintptr_t{2} << 20;
+  if (bytes < 4 * kHuge) return;
+  const std::uintptr_t a = reinterpret_cast<std::uintptr_t>(p);
+  const std::uintptr_t lo = (a + kHuge - 1) & ~(kHuge - 1), hi = (a + bytes) & ~(kHuge - 1);
+  if (hi > lo) (void)madvise(reinterpret_cast<void*>(lo), hi - lo, MADV_HUGEPAGE);
+}
+
 int exec_fail_next = 0;
 
 void* exec_alloc(std::size_t bytes) {

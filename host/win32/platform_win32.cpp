@@ -26,6 +26,9 @@ void release_memory(void* base, std::size_t bytes) {
   if (base) VirtualFree(base, 0, MEM_RELEASE);
 }
 
+// Large pages on Windows need a privilege that programs do not hold.
+void advise_large_buffer(void*, std::size_t) {}
+
 int exec_fail_next = 0;
 
 void* exec_alloc(std::size_t bytes) {

@@ -3,14 +3,14 @@
 # input (tests/fuzz/regressions/<target>/), then libFuzzer for SECONDS per
 # target from the seed corpus. A crash fails the run and its input is left in
 # the artifact directory, ready to be kept as a regression input.
-# Usage: tests/fuzz/run.sh BUILD_DIR SECONDS [target...]   (targets: direct load state http_reply bmp bank)
+# Usage: tests/fuzz/run.sh BUILD_DIR SECONDS [target...]   (targets: direct load state http_reply bmp bank midi wav flac)
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="$(cd "$1" && pwd)"
 seconds="$2"
 shift 2
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(direct load state http_reply bmp bank)
+[ ${#targets[@]} -gt 0 ] || targets=(direct load state http_reply bmp bank midi wav flac)
 work="$(mktemp -d /tmp/tambril-fuzz-run-XXXXXX)"
 status=0
 for t in "${targets[@]}"; do

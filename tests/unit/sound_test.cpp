@@ -325,7 +325,10 @@ class SoundVoice : public ::testing::Test {
     std::fwrite(file.data(), 1, file.size(), f);
     std::fclose(f);
     setenv("TAMBRIL_GM_BANK", path.c_str(), 1);
-    ASSERT_TRUE(preload_bank(1)) << bank_error();
+    Command r;  // no voice may read the bank being replaced
+    r.kind = kCmdReset;
+    apply(r);
+    ASSERT_TRUE(reload_bank_for_tests()) << bank_error();
   }
   void SetUp() override {
     use_device_for_tests(nullptr);
