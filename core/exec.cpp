@@ -909,10 +909,19 @@ void stmt_while(const Token*& t) {
   }
   const bool truth = values::is_integer_type(c.type) ? c.i != 0 : c.d != 0;
   if (!truth) {
+    // Where the loop ends depends on the program alone: the WHILE token keeps
+    // it for this program version.
+    Token* w = const_cast<Token*>(exec.base + token);
     std::uint32_t l, k;
-    if (!find_block_end(line, token + 1, KW_WHILE, KW_WEND, &l, &k)) {
-      if (!err.flag) raise("WHILE without WEND");
-      return;
+    if (w->cache[0].b == program.generation) {
+      l = static_cast<std::uint32_t>(w->cache[0].a >> 32);
+      k = static_cast<std::uint32_t>(w->cache[0].a);
+    } else {
+      if (!find_block_end(line, token + 1, KW_WHILE, KW_WEND, &l, &k)) {
+        if (!err.flag) raise("WHILE without WEND");
+        return;
+      }
+      w->cache[0] = {static_cast<std::uint64_t>(l) << 32 | k, program.generation};
     }
     request_jump(l, k);
     return;

@@ -173,6 +173,10 @@ bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == 
 
 void stmt_let(const Token*& t) {
   if (t->kind == KW_LET) ++t;
+  if (t->kind == kTokIdent && t[1].kind == '=') {
+    (void)values::assign_scalar(t);
+    return;
+  }
   values::LValue lv;
   if (!values::parse_lvalue(t, &lv)) return;
   if (!values::expect(t, '=', "Syntax error")) return;

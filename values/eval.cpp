@@ -17,6 +17,7 @@
 #include "core/keywords.h"
 #include "values/arrays.h"
 #include "values/builtins.h"
+#include "values/eval_detail.h"
 #include "values/hyper.h"
 #include "values/ops.h"
 #include "values/store.h"
@@ -26,17 +27,17 @@ namespace values {
 
 UserFunctionHook user_function = nullptr;
 
-namespace {
-
-enum : std::uint32_t { kUnresolved = 0, kPseudo = 1, kBuiltin = 2, kUserFn = 3, kArray = 4, kScalar = 5 };
+namespace detail {
 
 bool fail(const char* m) {
   core::raise(m);
   return false;
 }
 
-bool level_imp(const Token*& t, Value* v);
+namespace {
 bool level_imp_from(const Token*& t, Value* v, int min_level);
+bool pow_operand(const Token*& t, Value* v);
+}  // namespace
 
 std::uint32_t resolve(const Token* tok) {
   auto* w = const_cast<Token*>(tok);
@@ -170,6 +171,7 @@ bool primary(const Token*& t, Value* v) {
   return true;
 }
 
+namespace {
 bool pow_operand(const Token*& t, Value* v) {
   if (t->kind == '-') {
     ++t;
@@ -182,6 +184,8 @@ bool pow_operand(const Token*& t, Value* v) {
   }
   return primary(t, v);
 }
+
+}  // namespace
 
 // Binary operators by token: their level (higher binds tighter) and operation.
 // Relational operators are one or two tokens; *width says how many.
@@ -215,6 +219,8 @@ int binary_level(const Token* t, Op* op, int* width) {
   }
 }
 
+namespace {
+
 // Precedence climbing over the levels above: one loop instead of a call per
 // level for every operand. NOT (level 6) takes a relational expression;
 // prefix minus (level 12) takes a power expression, so -2^2 is -4.
@@ -247,36 +253,45 @@ bool level_imp_from(const Token*& t, Value* v, int min_level) {
   }
 }
 
-bool level_imp(const Token*& t, Value* v) { return level_imp_from(t, v, 1); }
-
 }  // namespace
 
-bool eval(const Token*& t, Value* out) { return level_imp(t, out); }
+bool level_imp(const Token*& t, Value* v) { return level_imp_from(t, v, 1); }
+
+}  // namespace detail
+
+using detail::fail;
+using detail::level_imp;
+using detail::lookup;
+using detail::resolve;
+using detail::kPseudo;
+using detail::component_of;
+
+bool eval(const Token*& t, Value* out) { return eval_predecoded(t, out); }
 
 Descriptor* scalar_of(const Token* t) { return lookup(t, false, true); }
 
 bool eval_numeric(const Token*& t, Value* out) {
-  if (!level_imp(t, out)) return false;
+  if (!eval(t, out)) return false;
   if (out->type == kString) return fail("Type mismatch");
   return true;
 }
 
 bool eval_string(const Token*& t, Value* out) {
-  if (!level_imp(t, out)) return false;
+  if (!eval(t, out)) return false;
   if (out->type != kString) return fail("Type mismatch");
   return true;
 }
 
 bool eval_int64(const Token*& t, std::int64_t* out) {
   Value v;
-  if (!level_imp(t, &v)) return false;
+  if (!eval(t, &v)) return false;
   if (v.type == kString || v.type == kHyper) return fail("Type mismatch");
   return value_to_int64(v, out);
 }
 
 bool eval_double(const Token*& t, double* out) {
   Value v;
-  if (!level_imp(t, &v)) return false;
+  if (!eval(t, &v)) return false;
   return value_to_double(v, out);
 }
 
@@ -366,6 +381,43 @@ bool assign(const LValue& lv, const Value& v) {
   h.c[lv.component] = d;
   std::memcpy(lv.slot, &h, sizeof h);
   return true;
+}
+
+bool assign_scalar(const Token*& t) {
+  const Token* tok = t;
+  if (resolve(tok) == kPseudo) return fail("Read-only or runtime name");
+  Descriptor* d = lookup(tok, false, true);
+  if (!d) return false;
+  t += 2;
+  Value v;
+  if (!eval(t, &v)) return false;
+  // The store rule's commonest cases, same type in and out; the rest go to it.
+  if (v.type == d->type) {
+    switch (v.type) {
+      case kDouble: std::memcpy(d->value, &v.d, 8); return true;
+      case kSingle: {
+        const float f = static_cast<float>(v.d);
+        if (f - f != 0) break;  // the store rule raises "Overflow"
+        std::memcpy(d->value, &f, 4);
+        return true;
+      }
+      case kInteger: {
+        if (v.i < -32768 || v.i > 32767) break;
+        const std::int16_t s = static_cast<std::int16_t>(v.i);
+        std::memcpy(d->value, &s, 2);
+        return true;
+      }
+      case kLong: {
+        if (v.i < -2147483648LL || v.i > 2147483647LL) break;
+        const std::int32_t s = static_cast<std::int32_t>(v.i);
+        std::memcpy(d->value, &s, 4);
+        return true;
+      }
+      case kInt64: std::memcpy(d->value, &v.i, 8); return true;
+      default: break;
+    }
+  }
+  return store_value(d->value, d->type, v);
 }
 
 bool make_string(const char* p, std::uint64_t n, Value* out) {
