@@ -193,7 +193,7 @@ void run_statement(const Token*& t) {
     Handler named = t[1].kind != '=' && t[1].kind != '(' ? find_named(name) : nullptr;
     if (named) named(t);
     else if (t[1].kind == '(' && name[0] == 'T' && !std::strcmp(name, "TIMER")) stmt_timer(t);
-    else if (t[1].kind == '(' && name[0] == 'M' && !std::strcmp(name, "MID$")) stmt_mid(t);
+    else if (t[1].kind == '(' && name[0] == 'M' && name[1] == 'I' && !std::strcmp(name, "MID$")) stmt_mid(t);
     else stmt_let(t);
   } else if (t->kind == ':' ) {
     return;  // an empty statement

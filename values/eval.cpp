@@ -365,7 +365,7 @@ bool parse_lvalue(const Token*& t, LValue* out) {
 }
 
 bool assign(const LValue& lv, const Value& v) {
-  if (lv.component < 0) return store_value(lv.slot, lv.type, v);
+  if (lv.component < 0) return store_same_type(lv.slot, lv.type, v) || store_value(lv.slot, lv.type, v);
   // A component write raises the kind when the component lies beyond it;
   // the newly meaningful components start at 0.
   Hyper h;
@@ -391,32 +391,7 @@ bool assign_scalar(const Token*& t) {
   t += 2;
   Value v;
   if (!eval(t, &v)) return false;
-  // The store rule's commonest cases, same type in and out; the rest go to it.
-  if (v.type == d->type) {
-    switch (v.type) {
-      case kDouble: std::memcpy(d->value, &v.d, 8); return true;
-      case kSingle: {
-        const float f = static_cast<float>(v.d);
-        if (f - f != 0) break;  // the store rule raises "Overflow"
-        std::memcpy(d->value, &f, 4);
-        return true;
-      }
-      case kInteger: {
-        if (v.i < -32768 || v.i > 32767) break;
-        const std::int16_t s = static_cast<std::int16_t>(v.i);
-        std::memcpy(d->value, &s, 2);
-        return true;
-      }
-      case kLong: {
-        if (v.i < -2147483648LL || v.i > 2147483647LL) break;
-        const std::int32_t s = static_cast<std::int32_t>(v.i);
-        std::memcpy(d->value, &s, 4);
-        return true;
-      }
-      case kInt64: std::memcpy(d->value, &v.i, 8); return true;
-      default: break;
-    }
-  }
+  if (store_same_type(d->value, d->type, v)) return true;
   return store_value(d->value, d->type, v);
 }
 

@@ -28,6 +28,15 @@ inline int compare_numbers(const Value& a, const Value& b) {
   return 2;
 }
 
+// The 64-bit integer form of an operand of \ MOD and the logical operators.
+[[gnu::always_inline]] inline bool int_operand(const Value& v, std::int64_t* out) {
+  if (is_integer_type(v.type)) {
+    *out = v.i;
+    return true;
+  }
+  return value_to_int64(v, out);
+}
+
 // a op b for numeric a and b (the caller has checked both types are 1..5).
 template <Op op>
 [[gnu::always_inline]] inline bool numeric_binary(const Value& a, const Value& b, Value* out) {
@@ -58,7 +67,7 @@ template <Op op>
     return make_float(r, t, out);
   } else if constexpr (op == Op::IntDiv || op == Op::Mod) {
     std::int64_t x, y;
-    if (!value_to_int64(a, &x) || !value_to_int64(b, &y)) return false;
+    if (!int_operand(a, &x) || !int_operand(b, &y)) return false;
     if (y == 0) return op_fail("Division by zero");
     const std::uint8_t t = wider_type(int_op_type(a.type), int_op_type(b.type));
     if constexpr (op == Op::IntDiv) {
@@ -81,7 +90,7 @@ template <Op op>
     return true;
   } else {
     std::int64_t x, y;
-    if (!value_to_int64(a, &x) || !value_to_int64(b, &y)) return false;
+    if (!int_operand(a, &x) || !int_operand(b, &y)) return false;
     const std::uint8_t t = wider_type(int_op_type(a.type), int_op_type(b.type));
     std::int64_t r;
     if constexpr (op == Op::And) r = x & y;
