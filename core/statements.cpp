@@ -173,16 +173,7 @@ bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == 
 
 void stmt_let(const Token*& t) {
   if (t->kind == KW_LET) ++t;
-  if (t->kind == kTokIdent && t[1].kind == '=') {
-    (void)values::assign_scalar(t);
-    return;
-  }
-  values::LValue lv;
-  if (!values::parse_lvalue(t, &lv)) return;
-  if (!values::expect(t, '=', "Syntax error")) return;
-  values::Value v;
-  if (!values::eval(t, &v)) return;
-  (void)values::assign(lv, v);
+  (void)values::assign_statement(t);
 }
 
 void run_statement(const Token*& t) {

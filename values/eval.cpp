@@ -383,18 +383,6 @@ bool assign(const LValue& lv, const Value& v) {
   return true;
 }
 
-bool assign_scalar(const Token*& t) {
-  const Token* tok = t;
-  if (resolve(tok) == kPseudo) return fail("Read-only or runtime name");
-  Descriptor* d = lookup(tok, false, true);
-  if (!d) return false;
-  t += 2;
-  Value v;
-  if (!eval(t, &v)) return false;
-  if (store_same_type(d->value, d->type, v)) return true;
-  return store_value(d->value, d->type, v);
-}
-
 bool make_string(const char* p, std::uint64_t n, Value* out) {
   if (n > 0xFFFFFFFFull) return fail("String too long");
   char* s = string_temp(static_cast<std::uint32_t>(n));

@@ -37,9 +37,10 @@ struct LValue {
 Descriptor* scalar_of(const Token* t);
 // Store through the store rule (component writes raise the kind as needed).
 [[nodiscard]] bool assign(const LValue& lv, const Value& v);
-// The commonest statement, "name = expression" for a plain scalar, as
-// parse_lvalue, "=", eval and assign would do it: t is on the name.
-[[nodiscard]] bool assign_scalar(const Token*& t);
+// The assignment statement from its target on ("name = expression",
+// "name(subscripts) = expression", "name.component = expression"); decoded
+// once it has run twice. t is left behind the expression.
+[[nodiscard]] bool assign_statement(const Token*& t);
 
 // Subscripts "(" s1, ..., sn ")" converted to 64-bit integers; n <= 4 (a
 // fifth is "Wrong number of subscripts" at addressing time).

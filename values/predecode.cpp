@@ -16,6 +16,7 @@
 
 #include "core/errors.h"
 #include "core/keywords.h"
+#include "core/statements.h"
 #include "values/arrays.h"
 #include "values/eval_detail.h"
 #include "values/numeric_ops.h"
@@ -437,7 +438,99 @@ void decode(const Token* start, const Token* end) {
   s = {reinterpret_cast<std::uint64_t>(e), epoch};
 }
 
+// ---- assignments -------------------------------------------------------------
+// "name = expression" and "name(subscripts) = expression", decoded on their
+// second execution and kept in the cache of the token after the name.
+
+struct Assign {
+  const Node* target;  // a variable node: n_scalar or n_element
+  const Node* value;
+  const Token* end;
+};
+
+core::CacheSlot& assign_slot(const Token* name) { return const_cast<Token*>(name + 1)->cache[0]; }
+
+void decode_assignment(const Token* name, const Token* end) {
+  if (running == 0 && (drop_pending || pool_bytes > kPoolLimit)) drop_all();
+  core::CacheSlot& s = assign_slot(name);
+  s = {kNotDecodable, epoch};
+  if (detail::resolve(name) == detail::kPseudo) return;
+  const Token* t = name;
+  const Node* target = decode_primary(t);
+  if (!target || (target->fn != n_scalar && target->fn != n_element) || t->kind != '=') return;
+  ++t;
+  const Node* value = decode_level(t, 1);
+  if (!value || t != end) return;
+  Assign* a = pool_new<Assign>();
+  a->target = target;
+  a->value = value;
+  a->end = end;
+  s = {reinterpret_cast<std::uint64_t>(a), epoch};
+}
+
+bool run_assignment(const Assign* a) {
+  const Node* n = a->target;
+  void* slot;
+  std::uint8_t type;
+  if (n->fn == n_scalar) {
+    // Assignment creates the variable, before the value is evaluated.
+    Descriptor* d;
+    if (n->table_gen == table_generation() && n->type_gen == type_generation()) {
+      d = n->desc;
+    } else {
+      d = detail::lookup(n->tok, false, true);
+      if (!d) return false;
+      n->desc = d;
+      n->table_gen = table_generation();
+      n->type_gen = type_generation();
+    }
+    slot = d->value;
+    type = d->type;
+  } else {
+    // The element is addressed (and its errors raised) before the value is evaluated.
+    std::int64_t subs[kMaxDimensions + 1];
+    for (int k = 0; k < n->nsubs; ++k) {
+      Value v;
+      if (!n->subs[k]->fn(n->subs[k], &v)) return false;
+      if (is_integer_type(v.type)) subs[k] = v.i;
+      else if (v.type == kString || v.type == kHyper) return detail::fail("Type mismatch");
+      else if (!value_to_int64(v, &subs[k])) return false;
+    }
+    const Descriptor* d = variable(n, true);
+    slot = array_element(d, subs, n->nsubs);
+    if (!slot) return false;
+    type = d->type;
+  }
+  Value v;
+  if (!a->value->fn(a->value, &v)) return false;
+  return store_same_type(slot, type, v) || store_value(slot, type, v);
+}
+
 }  // namespace
+
+bool assign_statement(const Token*& t) {
+  const Token* name = t;
+  core::CacheSlot& s = assign_slot(name);
+  if (s.b == epoch && s.a > kNotDecodable) {
+    const Assign* a = reinterpret_cast<const Assign*>(s.a);
+    ++running;
+    const bool ok = run_assignment(a);
+    --running;
+    t = a->end;
+    return ok;
+  }
+  const bool seen = s.b == epoch && s.a == kSeenOnce;
+  const bool decodable = !(s.b == epoch && s.a == kNotDecodable);
+  LValue lv;
+  if (!parse_lvalue(t, &lv) || !expect(t, '=', "Syntax error")) return false;
+  Value v;
+  if (!eval(t, &v) || !assign(lv, v)) return false;
+  if (decodable && core::at_statement_end(t)) {
+    if (seen) decode_assignment(name, t);
+    else assign_slot(name) = {kSeenOnce, epoch};
+  }
+  return true;
+}
 
 bool eval_predecoded(const Token*& t, Value* out) {
   const Token* start = t;
