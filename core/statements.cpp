@@ -169,7 +169,6 @@ const char* statement_word(int index) {
   return nullptr;
 }
 
-bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' || t->kind == KW_ELSE; }
 
 void stmt_let(const Token*& t) {
   if (t->kind == KW_LET) ++t;

@@ -268,7 +268,7 @@ using detail::component_of;
 
 bool eval(const Token*& t, Value* out) { return eval_predecoded(t, out); }
 
-Descriptor* scalar_of(const Token* t) { return lookup(t, false, true); }
+Descriptor* scalar_of_slow(const Token* t) { return lookup(t, false, true); }
 
 bool eval_numeric(const Token*& t, Value* out) {
   if (!eval(t, out)) return false;

@@ -176,7 +176,7 @@ bool n_element(const Node* n, Value* v) {
     else if (!value_to_int64(s, &subs[k])) return false;
   }
   const Descriptor* d = variable(n, true);
-  const void* slot = array_element(d, subs, n->nsubs);
+  const void* slot = element_address(d, subs, n->nsubs);
   if (!slot) return false;
   load_slot(slot, d->type, v);
   return true;
@@ -497,7 +497,7 @@ bool run_assignment(const Assign* a) {
       else if (!value_to_int64(v, &subs[k])) return false;
     }
     const Descriptor* d = variable(n, true);
-    slot = array_element(d, subs, n->nsubs);
+    slot = element_address(d, subs, n->nsubs);
     if (!slot) return false;
     type = d->type;
   }
