@@ -804,11 +804,9 @@ void stmt_for(const Token*& t) {
 
 namespace {
 
-// Step and test frame i; true when the loop goes round again (jump made).
-bool step_loop(int i) {
-  ForFrame& f = for_stack[i];
-  values::Descriptor* d = frame_variable(f);
-  if (!d) return false;
+// Step and test frame f (the floating and general cases); true when the loop
+// goes round again (jump made).
+[[gnu::noinline]] bool step_loop_general(ForFrame& f, values::Descriptor* d) {
   bool beyond;
   if ((d->type == values::kSingle || d->type == values::kDouble) && d->type == f.type) {
     const Value cur = values::load_value(d->value, d->type);
@@ -828,8 +826,37 @@ bool step_loop(int i) {
       if (!values::binary_op(f.sign > 0 ? values::Op::Gt : values::Op::Lt, Value::floating(next), f.limit, &r)) return false;
       beyond = f.sign != 0 && r.i;
     }
-  } else if (d->type == f.type && (d->type == values::kInteger || d->type == values::kLong) &&
-             values::is_integer_type(f.step.type) && values::is_integer_type(f.limit.type)) {
+  } else {
+    // Loop variable, step and limit are numeric (FOR saw to it): the
+    // evaluator's "+" and comparisons without its dispatch on operand kinds.
+    Value cur, sum;
+    values::load_into(d->value, d->type, &cur);
+    if (!values::is_numeric_type(cur.type)) return values::binary_op(values::Op::Add, cur, f.step, &sum);
+    if (!values::numeric_binary<values::Op::Add>(cur, f.step, &sum)) return false;
+    if (!values::store_value(d->value, d->type, sum)) return false;
+    Value now, r;
+    values::load_into(d->value, d->type, &now);
+    if (f.sign == 0) {
+      beyond = false;
+    } else {
+      if (!(f.sign > 0 ? values::numeric_binary<values::Op::Gt>(now, f.limit, &r)
+                       : values::numeric_binary<values::Op::Lt>(now, f.limit, &r)))
+        return false;
+      beyond = r.i != 0;
+    }
+  }
+  if (beyond) return false;
+  request_jump(f.line, f.token);
+  return true;
+}
+
+// Step and test frame i; true when the loop goes round again (jump made).
+inline bool step_loop(int i) {
+  ForFrame& f = for_stack[i];
+  values::Descriptor* d = frame_variable(f);
+  if (!d) return false;
+  if (d->type == f.type && (d->type == values::kInteger || d->type == values::kLong) &&
+      values::is_integer_type(f.step.type) && values::is_integer_type(f.limit.type)) {
     // INTEGER and LONG counters with integer step and limit, the usual loop:
     // "+" and the store rule's range check without a value record.
     std::int64_t cur;
@@ -853,29 +880,12 @@ bool step_loop(int i) {
       const std::int32_t s = static_cast<std::int32_t>(next);
       std::memcpy(d->value, &s, 4);
     }
-    beyond = f.sign > 0 ? next > f.limit.i : f.sign < 0 ? next < f.limit.i : false;
-  } else {
-    // Loop variable, step and limit are numeric (FOR saw to it): the
-    // evaluator's "+" and comparisons without its dispatch on operand kinds.
-    Value cur, sum;
-    values::load_into(d->value, d->type, &cur);
-    if (!values::is_numeric_type(cur.type)) return values::binary_op(values::Op::Add, cur, f.step, &sum);
-    if (!values::numeric_binary<values::Op::Add>(cur, f.step, &sum)) return false;
-    if (!values::store_value(d->value, d->type, sum)) return false;
-    Value now, r;
-    values::load_into(d->value, d->type, &now);
-    if (f.sign == 0) {
-      beyond = false;
-    } else {
-      if (!(f.sign > 0 ? values::numeric_binary<values::Op::Gt>(now, f.limit, &r)
-                       : values::numeric_binary<values::Op::Lt>(now, f.limit, &r)))
-        return false;
-      beyond = r.i != 0;
-    }
+    const bool beyond = f.sign > 0 ? next > f.limit.i : f.sign < 0 ? next < f.limit.i : false;
+    if (beyond) return false;
+    request_jump(f.line, f.token);
+    return true;
   }
-  if (beyond) return false;
-  request_jump(f.line, f.token);
-  return true;
+  return step_loop_general(f, d);
 }
 
 }  // namespace

@@ -184,7 +184,7 @@ void run_statement(const Token*& t) {
     if (named) named(t);
     else if (t[1].kind == '(' && name[0] == 'T' && !std::strcmp(name, "TIMER")) stmt_timer(t);
     else if (t[1].kind == '(' && name[0] == 'M' && name[1] == 'I' && !std::strcmp(name, "MID$")) stmt_mid(t);
-    else stmt_let(t);
+    else (void)values::assign_statement(t);  // an assignment without LET
   } else if (t->kind == ':' ) {
     return;  // an empty statement
   } else {
