@@ -18,6 +18,7 @@
 #include "screen/mouse.h"
 #include "values/builtins.h"
 #include "values/eval.h"
+#include "values/numeric_ops.h"
 #include "values/ops.h"
 #include "values/store.h"
 #include "values/strings.h"
@@ -135,6 +136,7 @@ void print_line_suffix(std::uint32_t number) {
 
 const Token* tokens_for(std::uint32_t line) {
   if (line == kDirect) return direct_base;
+  if (const Token* cached = line_index[line].tokens) return cached;  // every jump and line change asks
   return line_tokens(line);
 }
 
@@ -811,11 +813,9 @@ void stmt_for(const Token*& t) {
 
 namespace {
 
-// Step and test frame i; true when the loop goes round again (jump made).
-bool step_loop(int i) {
-  ForFrame& f = for_stack[i];
-  values::Descriptor* d = frame_variable(f);
-  if (!d) return false;
+// Step and test frame f (the floating and general cases); true when the loop
+// goes round again (jump made).
+[[gnu::noinline]] bool step_loop_general(ForFrame& f, values::Descriptor* d) {
   bool beyond;
   if ((d->type == values::kSingle || d->type == values::kDouble) && d->type == f.type) {
     const Value cur = values::load_value(d->value, d->type);
@@ -836,21 +836,65 @@ bool step_loop(int i) {
       beyond = f.sign != 0 && r.i;
     }
   } else {
-    Value sum;
-    if (!values::binary_op(values::Op::Add, values::load_value(d->value, d->type), f.step, &sum)) return false;
+    // Loop variable, step and limit are numeric (FOR saw to it): the
+    // evaluator's "+" and comparisons without its dispatch on operand kinds.
+    Value cur, sum;
+    values::load_into(d->value, d->type, &cur);
+    if (!values::is_numeric_type(cur.type)) return values::binary_op(values::Op::Add, cur, f.step, &sum);
+    if (!values::numeric_binary<values::Op::Add>(cur, f.step, &sum)) return false;
     if (!values::store_value(d->value, d->type, sum)) return false;
-    const Value now = values::load_value(d->value, d->type);
-    Value r;
+    Value now, r;
+    values::load_into(d->value, d->type, &now);
     if (f.sign == 0) {
       beyond = false;
     } else {
-      if (!values::binary_op(f.sign > 0 ? values::Op::Gt : values::Op::Lt, now, f.limit, &r)) return false;
+      if (!(f.sign > 0 ? values::numeric_binary<values::Op::Gt>(now, f.limit, &r)
+                       : values::numeric_binary<values::Op::Lt>(now, f.limit, &r)))
+        return false;
       beyond = r.i != 0;
     }
   }
   if (beyond) return false;
   request_jump(f.line, f.token);
   return true;
+}
+
+// Step and test frame i; true when the loop goes round again (jump made).
+inline bool step_loop(int i) {
+  ForFrame& f = for_stack[i];
+  values::Descriptor* d = frame_variable(f);
+  if (!d) return false;
+  if (d->type == f.type && (d->type == values::kInteger || d->type == values::kLong) &&
+      values::is_integer_type(f.step.type) && values::is_integer_type(f.limit.type)) {
+    // INTEGER and LONG counters with integer step and limit, the usual loop:
+    // "+" and the store rule's range check without a value record.
+    std::int64_t cur;
+    if (d->type == values::kInteger) {
+      std::int16_t s;
+      std::memcpy(&s, d->value, 2);
+      cur = s;
+    } else {
+      std::int32_t s;
+      std::memcpy(&s, d->value, 4);
+      cur = s;
+    }
+    std::int64_t next;
+    if (__builtin_add_overflow(cur, f.step.i, &next)) return fail("Overflow");
+    if (d->type == values::kInteger) {
+      if (next < -32768 || next > 32767) return fail("Overflow");
+      const std::int16_t s = static_cast<std::int16_t>(next);
+      std::memcpy(d->value, &s, 2);
+    } else {
+      if (next < -2147483648LL || next > 2147483647LL) return fail("Overflow");
+      const std::int32_t s = static_cast<std::int32_t>(next);
+      std::memcpy(d->value, &s, 4);
+    }
+    const bool beyond = f.sign > 0 ? next > f.limit.i : f.sign < 0 ? next < f.limit.i : false;
+    if (beyond) return false;
+    request_jump(f.line, f.token);
+    return true;
+  }
+  return step_loop_general(f, d);
 }
 
 }  // namespace
@@ -918,10 +962,19 @@ void stmt_while(const Token*& t) {
   }
   const bool truth = values::is_integer_type(c.type) ? c.i != 0 : c.d != 0;
   if (!truth) {
+    // Where the loop ends depends on the program alone: the WHILE token keeps
+    // it for this program version.
+    Token* w = const_cast<Token*>(exec.base + token);
     std::uint32_t l, k;
-    if (!find_block_end(line, token + 1, KW_WHILE, KW_WEND, &l, &k)) {
-      if (!err.flag) raise("WHILE without WEND");
-      return;
+    if (w->cache[0].b == program.generation) {
+      l = static_cast<std::uint32_t>(w->cache[0].a >> 32);
+      k = static_cast<std::uint32_t>(w->cache[0].a);
+    } else {
+      if (!find_block_end(line, token + 1, KW_WHILE, KW_WEND, &l, &k)) {
+        if (!err.flag) raise("WHILE without WEND");
+        return;
+      }
+      w->cache[0] = {static_cast<std::uint64_t>(l) << 32 | k, program.generation};
     }
     request_jump(l, k);
     return;
@@ -944,7 +997,7 @@ void stmt_wend(const Token*& t) {
 }
 
 void stmt_if(const Token*& t) {
-  ++t;
+  const Token* if_token = t++;
   Value c;
   if (!values::eval(t, &c)) return;
   if (!numeric_or_mismatch(c)) return;
@@ -971,13 +1024,20 @@ void stmt_if(const Token*& t) {
     return;
   }
   // False: find this IF's ELSE (an ELSE belongs to the nearest unmatched IF).
-  int depth = 0;
-  for (; t->kind != kTokEnd; ++t) {
-    if (t->kind == KW_IF) ++depth;
-    else if (t->kind == KW_ELSE) {
-      if (depth == 0) break;
-      --depth;
+  // The IF token keeps where it is for this program version.
+  Token* k = const_cast<Token*>(if_token);
+  if (k->cache[0].b == program.generation) {
+    t = if_token + k->cache[0].a;
+  } else {
+    int depth = 0;
+    for (; t->kind != kTokEnd; ++t) {
+      if (t->kind == KW_IF) ++depth;
+      else if (t->kind == KW_ELSE) {
+        if (depth == 0) break;
+        --depth;
+      }
     }
+    k->cache[0] = {static_cast<std::uint64_t>(t - if_token), program.generation};
   }
   if (t->kind == kTokEnd) return;  // no ELSE: the rest of the line is skipped
   ++t;

@@ -11,6 +11,7 @@
 #include "core/errors.h"
 #include "core/tokenizer.h"
 #include "host/platform.h"
+#include "values/predecode.h"
 
 namespace core {
 
@@ -79,6 +80,7 @@ void invalidate_caches() {
     line_index[i].count = 0;
   }
   program.cache_top = nullptr;
+  values::forget_predecoded();
   if (on_program_changed) on_program_changed();
 }
 

@@ -173,16 +173,10 @@ const char* statement_word(int index) {
   return nullptr;
 }
 
-bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' || t->kind == KW_ELSE; }
 
 void stmt_let(const Token*& t) {
   if (t->kind == KW_LET) ++t;
-  values::LValue lv;
-  if (!values::parse_lvalue(t, &lv)) return;
-  if (!values::expect(t, '=', "Syntax error")) return;
-  values::Value v;
-  if (!values::eval(t, &v)) return;
-  (void)values::assign(lv, v);
+  (void)values::assign_statement(t);
 }
 
 void run_statement(const Token*& t) {
@@ -193,8 +187,8 @@ void run_statement(const Token*& t) {
     Handler named = t[1].kind != '=' && t[1].kind != '(' ? find_named(name) : nullptr;
     if (named) named(t);
     else if (t[1].kind == '(' && name[0] == 'T' && !std::strcmp(name, "TIMER")) stmt_timer(t);
-    else if (t[1].kind == '(' && name[0] == 'M' && !std::strcmp(name, "MID$")) stmt_mid(t);
-    else stmt_let(t);
+    else if (t[1].kind == '(' && name[0] == 'M' && name[1] == 'I' && !std::strcmp(name, "MID$")) stmt_mid(t);
+    else (void)values::assign_statement(t);  // an assignment without LET
   } else if (t->kind == ':' ) {
     return;  // an empty statement
   } else {

@@ -8,6 +8,7 @@
 #pragma once
 #include <array>
 
+#include "core/keywords.h"
 #include "core/token.h"
 
 namespace core {
@@ -37,7 +38,7 @@ bool is_statement_word(const char* name);
 const char* statement_word(int index);
 
 // After a statement: only ":", ELSE or the end of the line may follow.
-bool at_statement_end(const Token* t);
+inline bool at_statement_end(const Token* t) { return t->kind == kTokEnd || t->kind == ':' || t->kind == KW_ELSE; }
 
 // Handlers that other parts reach directly.
 void stmt_print(const Token*& t);

@@ -24,6 +24,20 @@ void array_erase(const char* name);
 // The address of an element; raises "Array not dimensioned", "Wrong number of
 // subscripts" or "Subscript out of range".
 void* array_element(const Descriptor* d, const std::int64_t* subs, int n);
+// The same, with the one-dimensional case in line.
+[[gnu::always_inline]] inline void* element_address(const Descriptor* d, const std::int64_t* subs, int n) {
+  const std::uint8_t* block = d ? static_cast<const std::uint8_t*>(d->array_block()) : nullptr;
+  if (block && n == 1) {
+    std::uint64_t dims;
+    std::int64_t upper;
+    __builtin_memcpy(&dims, block, 8);
+    __builtin_memcpy(&upper, block + 8, 8);
+    if (dims == 1 && subs[0] >= option_base && subs[0] <= upper)
+      return const_cast<std::uint8_t*>(block) + 16 +
+             static_cast<std::uint64_t>(subs[0] - option_base) * slot_width(d->type);
+  }
+  return array_element(d, subs, n);
+}
 int array_dims(const Descriptor* d);
 std::int64_t array_upper(const Descriptor* d, int dim);  // dim 1-based
 std::uint64_t array_count(const Descriptor* d);

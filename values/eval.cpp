@@ -17,6 +17,7 @@
 #include "core/keywords.h"
 #include "values/arrays.h"
 #include "values/builtins.h"
+#include "values/eval_detail.h"
 #include "values/hyper.h"
 #include "values/ops.h"
 #include "values/store.h"
@@ -26,17 +27,17 @@ namespace values {
 
 UserFunctionHook user_function = nullptr;
 
-namespace {
-
-enum : std::uint32_t { kUnresolved = 0, kPseudo = 1, kBuiltin = 2, kUserFn = 3, kArray = 4, kScalar = 5 };
+namespace detail {
 
 bool fail(const char* m) {
   core::raise(m);
   return false;
 }
 
-bool level_imp(const Token*& t, Value* v);
+namespace {
 bool level_imp_from(const Token*& t, Value* v, int min_level);
+bool pow_operand(const Token*& t, Value* v);
+}  // namespace
 
 std::uint32_t resolve(const Token* tok) {
   auto* w = const_cast<Token*>(tok);
@@ -170,6 +171,7 @@ bool primary(const Token*& t, Value* v) {
   return true;
 }
 
+namespace {
 bool pow_operand(const Token*& t, Value* v) {
   if (t->kind == '-') {
     ++t;
@@ -182,6 +184,8 @@ bool pow_operand(const Token*& t, Value* v) {
   }
   return primary(t, v);
 }
+
+}  // namespace
 
 // Binary operators by token: their level (higher binds tighter) and operation.
 // Relational operators are one or two tokens; *width says how many.
@@ -215,6 +219,8 @@ int binary_level(const Token* t, Op* op, int* width) {
   }
 }
 
+namespace {
+
 // Precedence climbing over the levels above: one loop instead of a call per
 // level for every operand. NOT (level 6) takes a relational expression;
 // prefix minus (level 12) takes a power expression, so -2^2 is -4.
@@ -247,36 +253,45 @@ bool level_imp_from(const Token*& t, Value* v, int min_level) {
   }
 }
 
-bool level_imp(const Token*& t, Value* v) { return level_imp_from(t, v, 1); }
-
 }  // namespace
 
-bool eval(const Token*& t, Value* out) { return level_imp(t, out); }
+bool level_imp(const Token*& t, Value* v) { return level_imp_from(t, v, 1); }
 
-Descriptor* scalar_of(const Token* t) { return lookup(t, false, true); }
+}  // namespace detail
+
+using detail::fail;
+using detail::level_imp;
+using detail::lookup;
+using detail::resolve;
+using detail::kPseudo;
+using detail::component_of;
+
+bool eval(const Token*& t, Value* out) { return eval_predecoded(t, out); }
+
+Descriptor* scalar_of_slow(const Token* t) { return lookup(t, false, true); }
 
 bool eval_numeric(const Token*& t, Value* out) {
-  if (!level_imp(t, out)) return false;
+  if (!eval(t, out)) return false;
   if (out->type == kString) return fail("Type mismatch");
   return true;
 }
 
 bool eval_string(const Token*& t, Value* out) {
-  if (!level_imp(t, out)) return false;
+  if (!eval(t, out)) return false;
   if (out->type != kString) return fail("Type mismatch");
   return true;
 }
 
 bool eval_int64(const Token*& t, std::int64_t* out) {
   Value v;
-  if (!level_imp(t, &v)) return false;
+  if (!eval(t, &v)) return false;
   if (v.type == kString || v.type == kHyper) return fail("Type mismatch");
   return value_to_int64(v, out);
 }
 
 bool eval_double(const Token*& t, double* out) {
   Value v;
-  if (!level_imp(t, &v)) return false;
+  if (!eval(t, &v)) return false;
   return value_to_double(v, out);
 }
 
@@ -350,7 +365,7 @@ bool parse_lvalue(const Token*& t, LValue* out) {
 }
 
 bool assign(const LValue& lv, const Value& v) {
-  if (lv.component < 0) return store_value(lv.slot, lv.type, v);
+  if (lv.component < 0) return store_same_type(lv.slot, lv.type, v) || store_value(lv.slot, lv.type, v);
   // A component write raises the kind when the component lies beyond it;
   // the newly meaningful components start at 0.
   Hyper h;

@@ -34,9 +34,18 @@ struct LValue {
 [[nodiscard]] bool parse_lvalue(const Token*& t, LValue* out);
 // The scalar variable an identifier token names, found (or created) through
 // the token's cache: the fast path for FOR and NEXT.
-Descriptor* scalar_of(const Token* t);
+Descriptor* scalar_of_slow(const Token* t);
+inline Descriptor* scalar_of(const Token* t) {
+  if (t->cache[1].a && t->cache[1].b == table_generation() && (t->cache[0].a >> 32) == type_generation())
+    return reinterpret_cast<Descriptor*>(t->cache[1].a);
+  return scalar_of_slow(t);
+}
 // Store through the store rule (component writes raise the kind as needed).
 [[nodiscard]] bool assign(const LValue& lv, const Value& v);
+// The assignment statement from its target on ("name = expression",
+// "name(subscripts) = expression", "name.component = expression"); decoded
+// once it has run twice. t is left behind the expression.
+[[nodiscard]] bool assign_statement(const Token*& t);
 
 // Subscripts "(" s1, ..., sn ")" converted to 64-bit integers; n <= 4 (a
 // fifth is "Wrong number of subscripts" at addressing time).

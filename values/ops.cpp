@@ -6,6 +6,7 @@
 #include "core/errors.h"
 #include "values/hyper.h"
 #include "values/mathlib.h"
+#include "values/numeric_ops.h"
 #include "values/numtext.h"
 #include "values/store.h"
 #include "values/strings.h"
@@ -19,13 +20,20 @@ bool raise(const char* m) {
   return false;
 }
 
-bool in_range(std::int64_t v, std::uint8_t t) {
-  if (t == kInteger) return v >= -32768 && v <= 32767;
-  if (t == kLong) return v >= -2147483648LL && v <= 2147483647LL;
+bool compare_strings(const Value& a, const Value& b, int* out) {
+  const std::uint32_t n = a.s.len < b.s.len ? a.s.len : b.s.len;
+  int c = n ? std::memcmp(a.s.ptr, b.s.ptr, n) : 0;
+  if (c == 0) c = a.s.len < b.s.len ? -1 : a.s.len > b.s.len ? 1 : 0;
+  *out = c < 0 ? -1 : c > 0 ? 1 : 0;
   return true;
 }
 
-double as_double(const Value& v) { return is_integer_type(v.type) ? static_cast<double>(v.i) : v.d; }
+}  // namespace
+
+bool op_fail(const char* message) {
+  core::raise(message);
+  return false;
+}
 
 bool math_status(MathStatus s) {
   switch (s) {
@@ -35,59 +43,6 @@ bool math_status(MathStatus s) {
     case MathStatus::DivisionByZero: return raise("Division by zero");
   }
   return false;
-}
-
-// Integer type for \ MOD and the logical operators: a floating operand counts as INT64.
-std::uint8_t int_op_type(std::uint8_t t) { return is_integer_type(t) ? t : static_cast<std::uint8_t>(kInt64); }
-
-bool compare_strings(const Value& a, const Value& b, int* out) {
-  const std::uint32_t n = a.s.len < b.s.len ? a.s.len : b.s.len;
-  int c = n ? std::memcmp(a.s.ptr, b.s.ptr, n) : 0;
-  if (c == 0) c = a.s.len < b.s.len ? -1 : a.s.len > b.s.len ? 1 : 0;
-  *out = c < 0 ? -1 : c > 0 ? 1 : 0;
-  return true;
-}
-
-// Exact mixed comparison: integers with integers as integers, otherwise as
-// binary64. Returns -1, 0, 1, or 2 when unordered (NaN).
-int compare_numbers(const Value& a, const Value& b) {
-  if (is_integer_type(a.type) && is_integer_type(b.type)) return a.i < b.i ? -1 : a.i > b.i ? 1 : 0;
-  const double x = as_double(a), y = as_double(b);
-  if (x < y) return -1;
-  if (x > y) return 1;
-  if (x == y) return 0;
-  return 2;
-}
-
-}  // namespace
-
-std::uint8_t wider_type(std::uint8_t a, std::uint8_t b) {
-  if ((a == kInt64 && b == kSingle) || (a == kSingle && b == kInt64)) return kDouble;
-  return a > b ? a : b;
-}
-
-std::uint8_t float_result_type(std::uint8_t a) {
-  if (a == kInt64 || a == kDouble) return kDouble;
-  return kSingle;
-}
-
-bool make_float(double d, std::uint8_t t, Value* out) {
-  if (t == kSingle) {
-    const float f = static_cast<float>(d);
-    if (f - f != 0) return raise("Overflow");
-    set_float(out, f, kSingle);
-    return true;
-  }
-  set_float(out, d, kDouble);
-  return true;
-}
-
-bool make_int(std::int64_t v, std::uint8_t t, Value* out) {
-  // A result that leaves its type widens to the next integer type that holds
-  // it (INTEGER -> LONG -> INT64), as classic interpreters print 365*24*60.
-  while (!in_range(v, t)) ++t;
-  set_int(out, v, t);
-  return true;
 }
 
 bool negate(const Value& a, Value* out) {
@@ -140,85 +95,24 @@ bool binary_op(Op op, const Value& a, const Value& b, Value* out) {
   if (!is_numeric_type(a.type) || !is_numeric_type(b.type)) return raise("Type mismatch");
 
   switch (op) {
-    case Op::Add:
-    case Op::Sub:
-    case Op::Mul: {
-      const std::uint8_t t = wider_type(a.type, b.type);
-      if (is_integer_type(t)) {
-        std::int64_t r;
-        bool ovf;
-        if (op == Op::Add) ovf = __builtin_add_overflow(a.i, b.i, &r);
-        else if (op == Op::Sub) ovf = __builtin_sub_overflow(a.i, b.i, &r);
-        else ovf = __builtin_mul_overflow(a.i, b.i, &r);
-        if (ovf) return raise("Overflow");
-        return make_int(r, t, out);
-      }
-      const double x = as_double(a), y = as_double(b);
-      return make_float(op == Op::Add ? x + y : op == Op::Sub ? x - y : x * y, t, out);
-    }
-    case Op::Div: {
-      const std::uint8_t t = float_result_type(wider_type(a.type, b.type));
-      const double y = as_double(b);
-      if (y == 0) return raise("Division by zero");
-      return make_float(as_double(a) / y, t, out);
-    }
-    case Op::Pow: {
-      const std::uint8_t t = float_result_type(wider_type(a.type, b.type));
-      double r;
-      if (!math_status(m_pow(as_double(a), as_double(b), &r))) return false;
-      return make_float(r, t, out);
-    }
-    case Op::IntDiv:
-    case Op::Mod: {
-      std::int64_t x, y;
-      if (!value_to_int64(a, &x) || !value_to_int64(b, &y)) return false;
-      if (y == 0) return raise("Division by zero");
-      const std::uint8_t t = wider_type(int_op_type(a.type), int_op_type(b.type));
-      if (op == Op::IntDiv) {
-        if (x == INT64_MIN && y == -1) return raise("Overflow");
-        return make_int(x / y, t, out);  // truncates toward zero
-      }
-      return make_int(y == -1 ? 0 : x % y, t, out);  // the sign of the dividend
-    }
-    case Op::Eq:
-    case Op::Ne:
-    case Op::Lt:
-    case Op::Le:
-    case Op::Gt:
-    case Op::Ge: {
-      const int c = compare_numbers(a, b);
-      bool r;
-      switch (op) {
-        case Op::Eq: r = c == 0; break;
-        case Op::Ne: r = c != 0; break;
-        case Op::Lt: r = c == -1; break;
-        case Op::Le: r = c == -1 || c == 0; break;
-        case Op::Gt: r = c == 1; break;
-        default: r = c == 1 || c == 0; break;
-      }
-      set_int(out, r ? -1 : 0);
-      return true;
-    }
-    case Op::And:
-    case Op::Or:
-    case Op::Xor:
-    case Op::Eqv:
-    case Op::Imp: {
-      std::int64_t x, y;
-      if (!value_to_int64(a, &x) || !value_to_int64(b, &y)) return false;
-      const std::uint8_t t = wider_type(int_op_type(a.type), int_op_type(b.type));
-      std::int64_t r;
-      switch (op) {
-        case Op::And: r = x & y; break;
-        case Op::Or: r = x | y; break;
-        case Op::Xor: r = x ^ y; break;
-        case Op::Eqv: r = ~(x ^ y); break;
-        default: r = ~x | y; break;
-      }
-      // Bitwise results of in-range operands stay in range of the wider type.
-      set_int(out, r, t);
-      return true;
-    }
+    case Op::Add: return numeric_binary<Op::Add>(a, b, out);
+    case Op::Sub: return numeric_binary<Op::Sub>(a, b, out);
+    case Op::Mul: return numeric_binary<Op::Mul>(a, b, out);
+    case Op::Div: return numeric_binary<Op::Div>(a, b, out);
+    case Op::IntDiv: return numeric_binary<Op::IntDiv>(a, b, out);
+    case Op::Mod: return numeric_binary<Op::Mod>(a, b, out);
+    case Op::Pow: return numeric_binary<Op::Pow>(a, b, out);
+    case Op::Eq: return numeric_binary<Op::Eq>(a, b, out);
+    case Op::Ne: return numeric_binary<Op::Ne>(a, b, out);
+    case Op::Lt: return numeric_binary<Op::Lt>(a, b, out);
+    case Op::Le: return numeric_binary<Op::Le>(a, b, out);
+    case Op::Gt: return numeric_binary<Op::Gt>(a, b, out);
+    case Op::Ge: return numeric_binary<Op::Ge>(a, b, out);
+    case Op::And: return numeric_binary<Op::And>(a, b, out);
+    case Op::Or: return numeric_binary<Op::Or>(a, b, out);
+    case Op::Xor: return numeric_binary<Op::Xor>(a, b, out);
+    case Op::Eqv: return numeric_binary<Op::Eqv>(a, b, out);
+    case Op::Imp: return numeric_binary<Op::Imp>(a, b, out);
   }
   return raise("Type mismatch");
 }

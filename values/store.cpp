@@ -10,11 +10,9 @@ namespace values {
 
 namespace {
 const char* const kTypeNames[8] = {"", "INTEGER", "LONG", "INT64", "SINGLE", "DOUBLE", "STRING", "HYPER"};
-const std::uint32_t kSlotWidths[8] = {0, 2, 4, 8, 4, 8, 16, 72};
 }  // namespace
 
 const char* type_name(std::uint8_t type) { return type < 8 ? kTypeNames[type] : ""; }
-std::uint32_t slot_width(std::uint8_t type) { return type < 8 ? kSlotWidths[type] : 0; }
 
 bool float_to_int64(double d, std::int64_t* out) {
   // 2^63 exactly is the first value that does not fit; NaN fails both tests.

@@ -10,6 +10,34 @@ namespace values {
 // Store v into the slot of type t at `slot`. Raises "Type mismatch" or
 // "Overflow" and leaves the slot unchanged on failure; returns false then.
 [[nodiscard]] bool store_value(void* slot, std::uint8_t t, const Value& v);
+// The store rule when v already has the slot's numeric type, in line: false
+// (nothing written) when store_value must decide.
+[[gnu::always_inline]] inline bool store_same_type(void* slot, std::uint8_t t, const Value& v) {
+  if (v.type != t) return false;
+  switch (t) {
+    case kDouble: __builtin_memcpy(slot, &v.d, 8); return true;
+    case kSingle: {
+      const float f = static_cast<float>(v.d);
+      if (f - f != 0) return false;  // the store rule raises "Overflow"
+      __builtin_memcpy(slot, &f, 4);
+      return true;
+    }
+    case kInteger: {
+      if (v.i < -32768 || v.i > 32767) return false;
+      const std::int16_t s = static_cast<std::int16_t>(v.i);
+      __builtin_memcpy(slot, &s, 2);
+      return true;
+    }
+    case kLong: {
+      if (v.i < -2147483648LL || v.i > 2147483647LL) return false;
+      const std::int32_t s = static_cast<std::int32_t>(v.i);
+      __builtin_memcpy(slot, &s, 4);
+      return true;
+    }
+    case kInt64: __builtin_memcpy(slot, &v.i, 8); return true;
+    default: return false;
+  }
+}
 // Read a slot back as a value record (strings point at their heap bytes).
 Value load_value(const void* slot, std::uint8_t t);
 // The same into an existing record, writing only the fields its type uses

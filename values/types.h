@@ -23,7 +23,10 @@ enum Type : std::uint8_t {
 
 // Printed names ("" for an unknown code) and slot widths in bytes.
 const char* type_name(std::uint8_t type);
-std::uint32_t slot_width(std::uint8_t type);
+inline std::uint32_t slot_width(std::uint8_t type) {
+  constexpr std::uint32_t kWidths[8] = {0, 2, 4, 8, 4, 8, 16, 72};
+  return type < 8 ? kWidths[type] : 0;
+}
 inline bool is_integer_type(std::uint8_t t) { return t >= kInteger && t <= kInt64; }
 inline bool is_numeric_type(std::uint8_t t) { return t >= kInteger && t <= kDouble; }
 

@@ -14,12 +14,17 @@ namespace values {
 int option_base = 0;
 bool array_dimensioned = false;
 
+namespace detail {
+std::uint32_t table_gen = 1;
+std::uint32_t type_gen = 1;
+}  // namespace detail
+using detail::table_gen;
+using detail::type_gen;
+
 namespace {
 
 std::uint32_t count = 0;
 std::uint8_t default_types[26];
-std::uint32_t table_gen = 1;
-std::uint32_t type_gen = 1;
 CommonEntry common[kMaxCommon];
 int common_n = 0;
 
@@ -62,8 +67,6 @@ const char* read_only_name(int index) { return index >= 0 && index < 24 ? kReadO
 
 Descriptor* descriptor_table() { return reinterpret_cast<Descriptor*>(arena.lomem); }
 std::uint32_t descriptor_count() { return count; }
-std::uint32_t table_generation() { return table_gen; }
-std::uint32_t type_generation() { return type_gen; }
 void bump_table_generation() { ++table_gen; }
 
 std::size_t base_length(const char* name) {

@@ -76,8 +76,12 @@ const CommonEntry& common_entry(int i);
 extern int option_base;
 extern bool array_dimensioned;
 
-std::uint32_t table_generation();
-std::uint32_t type_generation();
+// Read on every cached variable access, so they are inline.
+namespace detail {
+extern std::uint32_t table_gen, type_gen;
+}
+inline std::uint32_t table_generation() { return detail::table_gen; }
+inline std::uint32_t type_generation() { return detail::type_gen; }
 void bump_table_generation();
 
 // The clear of variables done by RUN, CLEAR and NEW.
