@@ -29,7 +29,9 @@ struct Shell {
   std::uint64_t data_pages = 0;           // size in 4 KiB pages
   char thousands_separator = ',';
   std::atomic<std::uint64_t> tsc_rate{0};
-  std::uint64_t tsc_reference = 0;
+  // Written by the interpreter thread at its start and by the calibration
+  // thread beside it.
+  std::atomic<std::uint64_t> tsc_reference{0};
   bool packed = false;
   std::string autostart;  // code page 437
   bool autostart_invalid = false;
