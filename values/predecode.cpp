@@ -18,6 +18,7 @@
 #include "core/keywords.h"
 #include "core/statements.h"
 #include "values/arrays.h"
+#include "values/builtins.h"
 #include "values/eval_detail.h"
 #include "values/numeric_ops.h"
 #include "values/predecode.h"
@@ -182,6 +183,13 @@ bool n_element(const Node* n, Value* v) {
   return true;
 }
 
+// A one-argument numeric function (SIN, LOG, SQR, ABS, INT, ...): its
+// argument is decoded too, and the function runs on the value.
+bool n_function(const Node* n, Value* v) {
+  Value x;
+  return n->a->fn(n->a, &x) && numeric_function(static_cast<NumFn>(n->i), x, v);
+}
+
 bool n_generic(const Node* n, Value* v) {
   const Token* t = n->tok;
   return detail::primary(t, v);
@@ -300,6 +308,36 @@ const Token* skip_arguments(const Token* t) {
   return nullptr;
 }
 
+// "NAME(expression)" for the numeric functions of one argument; null (t
+// unmoved) for anything else, which the generic node then takes.
+const Node* decode_function(const Token* name, const Token*& t) {
+  static const struct {
+    const char* name;
+    NumFn fn;
+  } kFunctions[] = {
+      {"SIN", NumFn::Sin},   {"COS", NumFn::Cos},   {"TAN", NumFn::Tan},   {"ATN", NumFn::Atn},
+      {"LOG", NumFn::Log},   {"EXP", NumFn::Exp},   {"SQR", NumFn::Sqr},   {"SQRT", NumFn::Sqr},
+      {"SINH", NumFn::Sinh}, {"COSH", NumFn::Cosh}, {"TANH", NumFn::Tanh}, {"ABS", NumFn::Abs},
+      {"SGN", NumFn::Sgn},   {"INT", NumFn::Int},   {"FIX", NumFn::Fix},   {"CINT", NumFn::Cint},
+      {"CSNG", NumFn::Csng}, {"CDBL", NumFn::Cdbl},
+  };
+  if (t->kind != '(') return nullptr;
+  for (const auto& f : kFunctions) {
+    if (std::strcmp(f.name, name->name()) != 0) continue;
+    const Token* c = t + 1;
+    const Node* arg = decode_level(c, 1);
+    if (!arg || c->kind != ')') return nullptr;
+    if (c[1].kind == '.') return nullptr;
+    Node* n = pool_new<Node>();
+    n->fn = n_function;
+    n->a = arg;
+    n->i = static_cast<std::int64_t>(f.fn);
+    t = c + 1;
+    return n;
+  }
+  return nullptr;
+}
+
 const Node* decode_primary(const Token*& t) {
   const Token* tok = t;
   Node* n = nullptr;
@@ -355,7 +393,10 @@ const Node* decode_primary(const Token*& t) {
           n->fn = n_scalar;
           n->tok = tok;
           break;
-        default:  // built-in functions, pseudo-variables, FN calls
+        case detail::kBuiltin:
+          if (const Node* f = decode_function(tok, t)) return f;
+          [[fallthrough]];
+        default:  // other built-in functions, pseudo-variables, FN calls
           t = skip_arguments(t);
           if (!t) return nullptr;
           n = pool_new<Node>();

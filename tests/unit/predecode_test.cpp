@@ -127,7 +127,11 @@ std::string expression(std::mt19937& rng, int depth) {
     case 0: return "-" + expression(rng, depth - 1);
     case 1: return "NOT " + expression(rng, depth - 1);
     case 2: return "(" + expression(rng, depth - 1) + ")";
-    case 3: return "ABS(" + expression(rng, depth - 1) + ")";
+    case 3: {
+      static const char* const kFunctions[] = {"ABS(", "SQR(", "LOG(", "INT(", "SIN(", "CINT(", "EXP(", "SGN("};
+      std::uniform_int_distribution<std::size_t> f(0, sizeof kFunctions / sizeof kFunctions[0] - 1);
+      return kFunctions[f(rng)] + expression(rng, depth - 1) + ")";
+    }
     default: {
       std::uniform_int_distribution<std::size_t> op(0, sizeof kOps / sizeof kOps[0] - 1);
       return expression(rng, depth - 1) + kOps[op(rng)] + expression(rng, depth - 1);
