@@ -71,8 +71,16 @@ def main():
         for i in range(a.kills):
             p = subprocess.Popen([exe, "--headless", "--no-banner", "--batch", "WRITER.BAS"], cwd=d,
                                  stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            # The first run must get as far as one state; the others die anywhere.
-            time.sleep(0.5 if i == 0 else rng.uniform(0.0, 0.25))
+            # The first run must get as far as one state (however slowly a
+            # loaded machine starts it); the others die anywhere.
+            if i == 0:
+                for _ in range(1200):
+                    if os.path.exists(os.path.join(d, "S.STA")):
+                        break
+                    time.sleep(0.05)
+                time.sleep(0.1)
+            else:
+                time.sleep(rng.uniform(0.0, 0.25))
             p.send_signal(signal.SIGKILL)
             p.wait()
             x = check_state(exe, d)
