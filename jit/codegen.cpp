@@ -48,6 +48,10 @@ constexpr std::int32_t kDescValue = static_cast<std::int32_t>(offsetof(values::D
 std::uint32_t for_key(int slot) { return kMirrorFor << 16 | static_cast<std::uint32_t>(slot); }
 std::uint32_t while_key(int w) { return kMirrorWhile << 16 | static_cast<std::uint32_t>(w); }
 
+std::int32_t for_field(int slot, std::size_t field) {
+  return F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot)) + static_cast<std::int32_t>(field);
+}
+
 Cond invert(Cond c) { return static_cast<Cond>(c ^ 1); }
 
 bool produces_value(std::uint8_t op) {
@@ -89,10 +93,29 @@ class Gen {
     std::uint8_t reg;  // a Reg for integer types, an Xmm for SINGLE and DOUBLE
     int uses;
   };
+  // An array addressed in an innermost loop: its block and its element
+  // count (0 when it is not a dimensioned one-dimensional array, so that
+  // every access fails over to the full check) are held in registers.
+  struct CachedArray {
+    const values::Descriptor* d;
+    Reg block, count;
+  };
   struct Loop {
     int head, tail;
     std::vector<Cached> vars;
+    std::vector<CachedArray> arrays;
+    // Entered only at its head, no other loop, GOSUB or FOR inside: the loop
+    // mirror cannot change in its body.
+    bool clean = false;
+    std::vector<const values::Descriptor*> stored;  // scalars its body assigns
   };
+  // A FOR whose start, limit or step is an integer literal.
+  struct ForConst {
+    bool start_c = false, limit_c = false, step_c = false;
+    std::int64_t start = 0, limit = 0, step = 0;
+    bool all() const { return limit_c && step_c; }
+  };
+  std::vector<ForConst> for_const_;
   std::vector<Loop> loops_;
   std::vector<int> loop_head_;       // per instruction: the loop starting there, or -1
   const Loop* in_loop_ = nullptr;    // the loop whose body is being generated
@@ -116,6 +139,24 @@ class Gen {
         default: a.movsd(static_cast<Xmm>(c.reg), m); break;
       }
     }
+    for (const CachedArray& c : in_loop_->arrays) {
+      const int invalid = a.new_label();
+      a.alu(Assembler::XOR, c.count, c.count);
+      a.load64(c.block, var(c.d));
+      a.test(c.block, c.block);
+      a.jcc(E, invalid);
+      a.alu_mem_imm(Assembler::CMP, mem(c.block, 0), 1);
+      a.jcc(NE, invalid);
+      a.load64(c.count, mem(c.block, 8));  // the upper bound
+      if (values::option_base == 0) a.alu_imm(Assembler::ADD, c.count, 1);
+      a.bind(invalid);
+    }
+  }
+  const CachedArray* cached_array(const values::Descriptor* d) const {
+    if (!in_loop_ || (values::option_base != 0 && values::option_base != 1)) return nullptr;
+    for (const CachedArray& c : in_loop_->arrays)
+      if (c.d == d) return &c;
+    return nullptr;
   }
   // After a store of `type` whose value is in register r: the cached copy.
   void update_cache(const values::Descriptor* d, int r) {
@@ -124,6 +165,17 @@ class Gen {
     if (values::is_integer_type(c->type)) a.mov(static_cast<Reg>(c->reg), static_cast<Reg>(r));
     else a.movapd(static_cast<Xmm>(c->reg), static_cast<Xmm>(r));
   }
+
+  // The scalar conversions write only the low lane and so wait for the
+  // register's previous value; clearing it first (renamed away, free) cuts
+  // that false dependency, which otherwise chains each statement's
+  // arithmetic to whatever last used the register.
+  void cvt_si2ss(Xmm d, Reg s) { a.xorps(d, d); a.cvtsi2ss(d, s); }
+  void cvt_si2sd(Xmm d, Reg s) { a.xorps(d, d); a.cvtsi2sd(d, s); }
+  void cvt_ss2sd(Xmm d, Xmm s) { if (d != s) a.xorps(d, d); a.cvtss2sd(d, s); }
+  void cvt_ss2sd(Xmm d, const Mem& m) { a.xorps(d, d); a.cvtss2sd(d, m); }
+  void cvt_sd2ss(Xmm d, Xmm s) { if (d != s) a.xorps(d, d); a.cvtsd2ss(d, s); }
+  void cvt_sd2ss(Xmm d, const Mem& m) { a.xorps(d, d); a.cvtsd2ss(d, m); }
 
   Reg g(int d) const { return GPR_SLOT[d]; }
   Xmm x(int d) const { return XMM_SLOT[d]; }
@@ -196,7 +248,7 @@ class Gen {
     const std::int32_t base = F(tmp) + k * static_cast<std::int32_t>(sizeof(values::Value));
     a.store8_imm(mem(R12, base + kValueType), t.type);
     if (t.type == values::kSingle) {
-      a.cvtss2sd(X0, x(d));
+      cvt_ss2sd(X0, x(d));
       a.movsd(mem(R12, base + kValuePayload), X0);
     } else if (t.is_float()) {
       a.movsd(mem(R12, base + kValuePayload), x(d));
@@ -206,7 +258,7 @@ class Gen {
   }
   void from_tmp(int d, const ValType& t) {
     const std::int32_t base = F(tmp);
-    if (t.type == values::kSingle) a.cvtsd2ss(x(d), mem(R12, base + kValuePayload));
+    if (t.type == values::kSingle) cvt_sd2ss(x(d), mem(R12, base + kValuePayload));
     else if (t.is_float()) a.movsd(x(d), mem(R12, base + kValuePayload));
     else a.load64(g(d), mem(R12, base + kValuePayload));
   }
@@ -215,9 +267,9 @@ class Gen {
   // rounded to single, and save the conversions on every step.
   bool sgl(int d) const { return st_[static_cast<std::size_t>(d)].type == values::kSingle; }
   void to_double(Xmm dst, int d) {
-    if (sgl(d)) a.cvtss2sd(dst, x(d));
+    if (sgl(d)) cvt_ss2sd(dst, x(d));
     else if (st_[static_cast<std::size_t>(d)].is_float()) a.movapd(dst, x(d));
-    else a.cvtsi2sd(dst, g(d));
+    else cvt_si2sd(dst, g(d));
   }
   // Infinity or NaN in a binary32 register is "Overflow".
   void check_single(Xmm r) {
@@ -228,7 +280,7 @@ class Gen {
   }
   // A SINGLE result is rounded to binary32; infinity or NaN is "Overflow".
   void round_single(Xmm r) {
-    a.cvtsd2ss(r, r);
+    cvt_sd2ss(r, r);
     check_single(r);
   }
   void check_finite(Xmm r) {
@@ -278,9 +330,9 @@ class Gen {
     }
     to_double(X0, d);
     if (type == values::kSingle) {
-      a.cvtsd2ss(X0, X0);
+      cvt_sd2ss(X0, X0);
       if (v.is_float()) {
-        a.cvtss2sd(X1, X0);
+        cvt_ss2sd(X1, X0);
         a.movq(RAX, X1);
         a.mov_imm(RCX, 0x7FF0000000000000ll);
         a.alu(Assembler::AND, RAX, RCX);
@@ -302,6 +354,13 @@ class Gen {
       default: a.movsd(x(d), m); break;
     }
   }
+  void load_from_reg(Reg r, std::uint8_t type, const Mem& m) {
+    switch (type) {
+      case values::kInteger: a.load_s16(r, m); break;
+      case values::kLong: a.load_s32(r, m); break;
+      default: a.load64(r, m); break;
+    }
+  }
   // Subscripts in slots d0..d0+n-1 to an element address in RAX (the
   // interpreter's checks in its order). Floating subscripts are rounded first.
   void element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type) {
@@ -319,6 +378,36 @@ class Gen {
       return;
     }
     if (n == 1) {
+      if (const CachedArray* c = cached_array(d)) {
+        // One unsigned comparison with the count held since the loop head;
+        // a failure (or an array that was not usable there) takes the full
+        // check, which finds the message.
+        const int slow = a.new_label();
+        const int not_dim = error_stub(kMsgNotDimensioned), wrong = error_stub(kMsgWrongSubscripts),
+                  range = error_stub(kMsgSubscript);
+        const std::int32_t disp = var(d).disp;
+        cold_.push_back([this, slow, not_dim, wrong, range, disp] {
+          a.bind(slow);
+          a.load64(RAX, mem(RBX, disp));
+          a.test(RAX, RAX);
+          a.jcc(E, not_dim);
+          a.alu_mem_imm(Assembler::CMP, mem(RAX, 0), 1);
+          a.jcc(NE, wrong);
+          a.jmp(range);
+        });
+        const auto width = static_cast<std::uint8_t>(values::slot_width(type));
+        if (values::option_base == 0) {
+          a.alu(Assembler::CMP, g(d0), c->count);
+          a.jcc(AE, slow);
+          a.lea(RAX, mem(c->block, g(d0), width, 16));
+        } else {
+          a.lea(RCX, mem(g(d0), -1));
+          a.alu(Assembler::CMP, RCX, c->count);
+          a.jcc(AE, slow);
+          a.lea(RAX, mem(c->block, RCX, width, 16));
+        }
+        return;
+      }
       a.load64(RAX, mem(RBX, var(d).disp));  // the block pointer, re-read: REDIM and ERASE move it
       a.test(RAX, RAX);
       a.jcc(E, error_stub(kMsgNotDimensioned));
@@ -375,11 +464,14 @@ class Gen {
     a.jcc(E, labels_[static_cast<std::size_t>(target)]);
     a.jmp(exit_stub(target_stmt, kTransferResume));
   }
-  void mirror_push(std::uint32_t key, std::uint32_t kind, std::int32_t room_field) {
-    a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
-    a.jcc(AE, resume_here());
-    a.cmp32_mem(mem(R12, room_field), 0);
-    a.jcc(LE, resume_here());
+  // `checked`: the statement's marker has already made sure there is room.
+  void mirror_push(std::uint32_t key, std::uint32_t kind, std::int32_t room_field, bool checked = false) {
+    if (!checked) {
+      a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
+      a.jcc(AE, resume_here());
+      a.cmp32_mem(mem(R12, room_field), 0);
+      a.jcc(LE, resume_here());
+    }
     a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(key));
     a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kind));
     a.alu_imm(Assembler::ADD, R15, 16);
@@ -473,6 +565,23 @@ void Gen::prologue() {
   a.load64(RBX, mem(R12, F(desc_base)));
   a.load64(R15, mem(R12, F(mirror_top)));
   a.load64(R13, mem(R12, F(poll)));
+  for (std::size_t slot = 0; slot < for_const_.size(); ++slot) {
+    const ForConst& fc = for_const_[slot];
+    if (!fc.all()) continue;
+    const int s = static_cast<int>(slot);
+    const double limit = static_cast<double>(fc.limit), step = static_cast<double>(fc.step);
+    std::int64_t bits;
+    a.mov_imm(RAX, fc.limit);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, limit_i))), RAX);
+    std::memcpy(&bits, &limit, 8);
+    a.mov_imm(RAX, bits);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, limit_d))), RAX);
+    a.mov_imm(RAX, fc.step);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, step_i))), RAX);
+    std::memcpy(&bits, &step, 8);
+    a.mov_imm(RAX, bits);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, step_d))), RAX);
+  }
   // The lowest the machine stack may go for native GOSUBs (16 bytes each).
   a.load_s32(RCX, mem(R12, F(gosub_room)));
   a.shl_imm(RCX, 4);
@@ -618,10 +727,10 @@ void Gen::arith(std::uint8_t op, int d) {
     // operation rounded once.
     auto small = [&](const ValType& t) { return t.type == values::kSingle || (t.is_int() && t.mag <= 16777216.0); };
     if (rt == values::kSingle && small(ta) && small(tb)) {
-      if (ta.is_int()) a.cvtsi2ss(x(da), g(da));
+      if (ta.is_int()) cvt_si2ss(x(da), g(da));
       Xmm xb = x(db);
       if (tb.is_int()) {
-        a.cvtsi2ss(X1, g(db));
+        cvt_si2ss(X1, g(db));
         xb = X1;
       }
       if (op == OP_DIV) {
@@ -642,8 +751,8 @@ void Gen::arith(std::uint8_t op, int d) {
       return;
     }
     // Otherwise in double, the result straight into a's floating register.
-    if (ta.is_int()) a.cvtsi2sd(x(da), g(da));
-    else if (ta.type == values::kSingle) a.cvtss2sd(x(da), x(da));
+    if (ta.is_int()) cvt_si2sd(x(da), g(da));
+    else if (ta.type == values::kSingle) cvt_ss2sd(x(da), x(da));
     Xmm xb = x(db);
     if (tb.type != values::kDouble) {
       to_double(X1, db);
@@ -722,6 +831,7 @@ bool Gen::divide_by_constant(int i, std::uint8_t op, int d) {
 void Gen::for_entry(int i, int d) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
   const int ds = d - 3, dl = d - 2, dt = d - 1;
   const ValType tl = st_[static_cast<std::size_t>(dl)], tt = st_[static_cast<std::size_t>(dt)];
   // A NaN limit or step is "Illegal function call".
@@ -732,18 +842,19 @@ void Gen::for_entry(int i, int d) {
     a.jcc(P, error_stub(kMsgIllegalCall));
   }
   store_to(ds, f.var_type, var(f.d), d);
-  const std::int32_t fs = F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot));
-  const std::int32_t o_limit_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_i));
-  const std::int32_t o_limit_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_d));
-  const std::int32_t o_step_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_i));
-  const std::int32_t o_step_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_d));
-  const std::int32_t o_sign = fs + static_cast<std::int32_t>(offsetof(ForSlot, sign));
-  if (tl.is_int()) a.store64(mem(R12, o_limit_i), g(dl));
-  to_double(X0, dl);
-  a.movsd(mem(R12, o_limit_d), X0);
-  if (tt.is_int()) a.store64(mem(R12, o_step_i), g(dt));
-  to_double(X1, dt);
-  a.movsd(mem(R12, o_step_d), X1);
+  const std::int32_t o_limit_i = for_field(slot, offsetof(ForSlot, limit_i));
+  const std::int32_t o_limit_d = for_field(slot, offsetof(ForSlot, limit_d));
+  const std::int32_t o_sign = for_field(slot, offsetof(ForSlot, sign));
+  // Literal limit and step were written once at the region's entry; the
+  // interpreter reads them only if it takes the loop over.
+  if (!fc.all()) {
+    if (tl.is_int()) a.store64(mem(R12, o_limit_i), g(dl));
+    to_double(X0, dl);
+    a.movsd(mem(R12, o_limit_d), X0);
+    if (tt.is_int()) a.store64(mem(R12, for_field(slot, offsetof(ForSlot, step_i))), g(dt));
+    to_double(X1, dt);
+    a.movsd(mem(R12, for_field(slot, offsetof(ForSlot, step_d))), X1);
+  }
   if (!f.step_const) {
     if (tt.is_int()) {
       a.alu_imm(Assembler::CMP, g(dt), 0);
@@ -758,22 +869,27 @@ void Gen::for_entry(int i, int d) {
     a.alu(Assembler::SUB, RAX, RCX);
     a.store64(mem(R12, o_sign), RAX);
   }
-  mirror_push(for_key(slot), kMirrorFor, F(for_room));
+  mirror_push(for_key(slot), kMirrorFor, F(for_room), true);
   a.store8_imm(mem(R12, F(live) + slot), 1);
-  // The entry test: a loop can run zero times.
+  // The entry test: a loop can run zero times (known here when all three are literals).
   const int body = a.new_label(), past = a.new_label();
   auto test = [&](int sign) {
     if (sign == 0) return;
+    if (fc.start_c && fc.all()) {
+      if (sign > 0 ? fc.start > fc.limit : fc.start < fc.limit) a.jmp(past);
+      return;
+    }
     if (values::is_integer_type(f.var_type) && tl.is_int()) {
       load_from(0, f.var_type, var(f.d));
-      a.alu(Assembler::CMP, g(0), mem(R12, o_limit_i));
+      if (fc.limit_c && fc.limit == static_cast<std::int32_t>(fc.limit)) a.alu_imm(Assembler::CMP, g(0), static_cast<std::int32_t>(fc.limit));
+      else a.alu(Assembler::CMP, g(0), mem(R12, o_limit_i));
       a.jcc(sign > 0 ? G : L, past);
     } else {
       if (values::is_integer_type(f.var_type)) {
         load_from(0, f.var_type, var(f.d));
-        a.cvtsi2sd(X0, g(0));
+        cvt_si2sd(X0, g(0));
       } else if (f.var_type == values::kSingle) {
-        a.cvtss2sd(X0, var(f.d));
+        cvt_ss2sd(X0, var(f.d));
       } else {
         a.movsd(X0, var(f.d));
       }
@@ -804,27 +920,76 @@ void Gen::for_entry(int i, int d) {
 void Gen::next(int i) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
-  const std::int32_t fs = F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot));
-  const std::int32_t o_limit_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_i));
-  const std::int32_t o_limit_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_d));
-  const std::int32_t o_step_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_i));
-  const std::int32_t o_step_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_d));
-  const std::int32_t o_sign = fs + static_cast<std::int32_t>(offsetof(ForSlot, sign));
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+  const std::int32_t o_limit_i = for_field(slot, offsetof(ForSlot, limit_i));
+  const std::int32_t o_limit_d = for_field(slot, offsetof(ForSlot, limit_d));
+  const std::int32_t o_step_i = for_field(slot, offsetof(ForSlot, step_i));
+  const std::int32_t o_step_d = for_field(slot, offsetof(ForSlot, step_d));
+  const std::int32_t o_sign = for_field(slot, offsetof(ForSlot, sign));
+  const bool integer = values::is_integer_type(f.var_type);
+  // In a clean innermost loop this FOR is the mirror's top: it was pushed on
+  // the way in and nothing in the body pushes or pops.
+  const bool clean = in_loop_ && in_loop_->tail == i && in_loop_->clean;
+  const bool var_stored = clean && std::find(in_loop_->stored.begin(), in_loop_->stored.end(), f.d) != in_loop_->stored.end();
   // Only the loop on top of the mirror is stepped here; anything else is the
   // interpreter's to sort out.
-  a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(for_key(slot)));
-  a.jcc(NE, resume_here());
+  if (!clean) {
+    a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(for_key(slot)));
+    a.jcc(NE, resume_here());
+  }
+  const bool imm_step = integer && fc.step_c && fc.step == static_cast<std::int32_t>(fc.step);
+  const bool imm_limit = integer && fc.limit_c && fc.limit == static_cast<std::int32_t>(fc.limit);
+  // The counter cannot overflow when the body leaves it alone: it is within
+  // the literal limit on every pass, and limit + step fits its type.
+  bool no_overflow = false;
+  if (clean && !var_stored && imm_step && imm_limit) {
+    const std::int64_t top = f.var_type == values::kInteger ? 32767 : f.var_type == values::kLong ? 2147483647 : INT64_MAX;
+    const std::int64_t bottom = f.var_type == values::kInteger ? -32768 : f.var_type == values::kLong ? -2147483647 - 1 : INT64_MIN;
+    no_overflow = fc.step > 0 ? fc.limit <= top - fc.step : fc.limit >= bottom - fc.step;
+  }
+  // A loop whose trip count is bounded by literals, with a body free of
+  // loops, needs no poll of its own: the loop around it polls.
+  const bool bounded = no_overflow && fc.start_c &&
+                       (fc.step > 0 ? fc.limit - fc.start : fc.start - fc.limit) / (fc.step > 0 ? fc.step : -fc.step) < 4096;
   const int done = a.new_label(), again = a.new_label();
   const Mem v = var(f.d);
   const bool int_limit = f.limit.is_int();
+  const Cached* c = cached(f.d);
+  auto store_counter = [&](Reg r) {
+    switch (f.var_type) {
+      case values::kInteger: a.store16(v, r); break;
+      case values::kLong: a.store32(v, r); break;
+      default: a.store64(v, r); break;
+    }
+  };
+  if (integer && no_overflow) {
+    const Reg r = c ? static_cast<Reg>(c->reg) : RAX;
+    if (!c) load_from_reg(RAX, f.var_type, v);
+    a.alu_imm(Assembler::ADD, r, static_cast<std::int32_t>(fc.step));
+    store_counter(r);
+    a.alu_imm(Assembler::CMP, r, static_cast<std::int32_t>(fc.limit));
+    if (bounded) {
+      a.jcc(fc.step > 0 ? LE : GE, labels_[ins(i).position]);
+    } else {
+      a.jcc(fc.step > 0 ? G : L, done);
+      back_edge(static_cast<int>(ins(i).position));
+    }
+    a.bind(done);
+    mirror_pop(F(for_room));
+    a.store8_imm(mem(R12, F(live) + slot), 0);
+    return;
+  }
   auto beyond = [&](int sign) {
     if (sign == 0) return;
-    if (values::is_integer_type(f.var_type)) {
-      if (int_limit) {
+    if (integer) {
+      if (imm_limit) {
+        a.alu_imm(Assembler::CMP, RAX, static_cast<std::int32_t>(fc.limit));
+        a.jcc(sign > 0 ? G : L, done);
+      } else if (int_limit) {
         a.alu(Assembler::CMP, RAX, mem(R12, o_limit_i));
         a.jcc(sign > 0 ? G : L, done);
       } else {
-        a.cvtsi2sd(X0, RAX);
+        cvt_si2sd(X0, RAX);
         a.ucomisd(X0, mem(R12, o_limit_d));
         a.jcc(sign > 0 ? A : B, done);
       }
@@ -833,46 +998,36 @@ void Gen::next(int i) {
       a.jcc(sign > 0 ? A : B, done);
     }
   };
-  const Cached* c = cached(f.d);
-  if (values::is_integer_type(f.var_type)) {
-    if (c) {
-      a.mov(RAX, static_cast<Reg>(c->reg));
-    } else {
-      switch (f.var_type) {
-        case values::kInteger: a.load_s16(RAX, v); break;
-        case values::kLong: a.load_s32(RAX, v); break;
-        default: a.load64(RAX, v); break;
-      }
-    }
-    a.alu(Assembler::ADD, RAX, mem(R12, o_step_i));
+  if (integer) {
+    if (c) a.mov(RAX, static_cast<Reg>(c->reg));
+    else load_from_reg(RAX, f.var_type, v);
+    if (imm_step) a.alu_imm(Assembler::ADD, RAX, static_cast<std::int32_t>(fc.step));
+    else a.alu(Assembler::ADD, RAX, mem(R12, o_step_i));
     a.jcc(O, error_stub(kMsgOverflow));
     if (f.var_type == values::kInteger) {
       a.sx16(RCX, RAX);
       a.alu(Assembler::CMP, RCX, RAX);
       a.jcc(NE, error_stub(kMsgOverflow));
-      a.store16(v, RAX);
     } else if (f.var_type == values::kLong) {
       a.sx32(RCX, RAX);
       a.alu(Assembler::CMP, RCX, RAX);
       a.jcc(NE, error_stub(kMsgOverflow));
-      a.store32(v, RAX);
-    } else {
-      a.store64(v, RAX);
     }
+    store_counter(RAX);
     update_cache(f.d, RAX);
   } else {
-    if (c && f.var_type == values::kSingle) a.cvtss2sd(X0, static_cast<Xmm>(c->reg));
+    if (c && f.var_type == values::kSingle) cvt_ss2sd(X0, static_cast<Xmm>(c->reg));
     else if (c) a.movapd(X0, static_cast<Xmm>(c->reg));
-    else if (f.var_type == values::kSingle) a.cvtss2sd(X0, v);
+    else if (f.var_type == values::kSingle) cvt_ss2sd(X0, v);
     else a.movsd(X0, v);
     a.addsd(X0, mem(R12, o_step_d));
     if (f.var_type == values::kSingle) {
-      a.cvtsd2ss(X0, X0);
-      a.cvtss2sd(X0, X0);
+      cvt_sd2ss(X0, X0);
+      cvt_ss2sd(X0, X0);
     }
     check_finite(X0);
     if (f.var_type == values::kSingle) {
-      a.cvtsd2ss(X1, X0);
+      cvt_sd2ss(X1, X0);
       a.movss(v, X1);
       update_cache(f.d, X1);
     } else {
@@ -1159,6 +1314,40 @@ int back_target(const Instr& in, int i) {
 void Gen::plan_loops() {
   const int n = count();
   loop_head_.assign(static_cast<std::size_t>(n), -1);
+  for_const_.assign(rc_.fors.size(), ForConst{});
+  for (int i = 0; i < n; ++i) {
+    if (depth_[i] < 0 || ins(i).op != OP_FOR) continue;
+    // An expression that ends in a literal is that literal: step, limit and
+    // start are pushed in that order just before the FOR.
+    ForConst& fc = for_const_[static_cast<std::size_t>(ins(i).count)];
+    // The literal ending at instruction j (a negated one is two
+    // instructions): how many instructions it takes, 0 when it is none.
+    auto literal = [&](int j, std::int64_t* v) {
+      auto plain = [&](int k) {
+        return k >= 0 && ins(k).op == OP_PUSH_CONST && ins(k).type >= values::kInteger && ins(k).type <= values::kInt64;
+      };
+      if (plain(j)) {
+        *v = static_cast<std::int64_t>(ins(j).operand);
+        return 1;
+      }
+      if (j >= 1 && ins(j).op == OP_NEG && plain(j - 1) && static_cast<std::int64_t>(ins(j - 1).operand) != INT64_MIN) {
+        *v = -static_cast<std::int64_t>(ins(j - 1).operand);
+        return 2;
+      }
+      return 0;
+    };
+    int j = i - 1;
+    if (const int n_step = literal(j, &fc.step)) {
+      fc.step_c = true;
+      j -= n_step;
+      if (const int n_limit = literal(j, &fc.limit)) {
+        fc.limit_c = true;
+        j -= n_limit;
+        fc.start_c = literal(j, &fc.start) > 0;
+      }
+    }
+    if (fc.step_c && fc.step == 0) fc = ForConst{};
+  }
   std::vector<std::pair<int, int>> jumps;  // (from, to)
   for (int i = 0; i < n; ++i) {
     if (depth_[i] < 0) continue;
@@ -1180,6 +1369,7 @@ void Gen::plan_loops() {
     bool ok = true;
     int maxd = 1;
     std::vector<Cached> vars;
+    std::vector<const values::Descriptor*> stored, arrays;
     auto use = [&](const values::Descriptor* d, std::uint8_t type) {
       if (!d || !(values::is_integer_type(type) || type == values::kSingle || type == values::kDouble)) return;
       for (Cached& c : vars)
@@ -1198,6 +1388,10 @@ void Gen::plan_loops() {
       (void)stack_effect(in, depth_[j], &out);
       maxd = std::max({maxd, depth_[j], out});
       if (in.op == OP_PUSH_VAR || in.op == OP_STORE_VAR) use(info(j).d, in.type);
+      if (in.op == OP_STORE_VAR) stored.push_back(info(j).d);
+      if ((in.op == OP_LOAD_ELEM || in.op == OP_STORE_ELEM) && in.count == 1 && info(j).d &&
+          std::find(arrays.begin(), arrays.end(), info(j).d) == arrays.end())
+        arrays.push_back(info(j).d);
       if (in.op == OP_NEXT) {
         const ForInfo& f = rc_.fors[static_cast<std::size_t>(in.count)];
         use(f.d, f.var_type);
@@ -1205,15 +1399,22 @@ void Gen::plan_loops() {
     }
     for (const auto& [from, to] : jumps)
       if ((from < s || from > e) && to >= s && to <= e) ok = false;
-    if (!ok || vars.empty()) continue;
+    if (!ok) continue;
     std::stable_sort(vars.begin(), vars.end(), [](const Cached& p, const Cached& q) { return p.uses > q.uses; });
     std::vector<std::uint8_t> gprs, xmms = {X11, X12, X13, X14, X15};
     for (int k = 7; k >= maxd; --k) {
       gprs.push_back(GPR_SLOT[k]);
       xmms.push_back(XMM_SLOT[k]);
     }
-    Loop loop{s, e, {}};
+    Loop loop{s, e, {}, {}, true, std::move(stored)};
     std::size_t ng = 0, nx = 0;
+    // Arrays first: each access saves a load and two tests.
+    if (values::option_base == 0 || values::option_base == 1)
+      for (const values::Descriptor* d : arrays) {
+        if (gprs.size() - ng < 2) break;
+        loop.arrays.push_back(CachedArray{d, static_cast<Reg>(gprs[ng]), static_cast<Reg>(gprs[ng + 1])});
+        ng += 2;
+      }
     for (Cached c : vars) {
       std::vector<std::uint8_t>& pool = values::is_integer_type(c.type) ? gprs : xmms;
       std::size_t& used = values::is_integer_type(c.type) ? ng : nx;
@@ -1232,6 +1433,7 @@ bool Gen::run() {
   skip_.assign(static_cast<std::size_t>(count()), false);
   offsets.assign(static_cast<std::size_t>(count()), 0);
   epilogue_ = a.new_label();
+  plan_loops();
   prologue();
   // Statements that are branch targets (loop heads, jump targets) start on
   // 8-byte boundaries; padding elsewhere would only be executed.
@@ -1245,7 +1447,6 @@ bool Gen::run() {
       if (in.position <= static_cast<std::uint32_t>(count())) target[in.position] = true;
     }
   }
-  plan_loops();
   for (int i = 0; i < count(); ++i) {
     if (loop_head_[static_cast<std::size_t>(i)] >= 0) {
       // Entered only by falling in from above: the registers are filled here
