@@ -15,7 +15,9 @@
 // helper call clobbers is reloaded after it.
 #include <cstddef>
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <functional>
 #include <map>
 
@@ -29,6 +31,7 @@ namespace jit {
 
 namespace {
 
+constexpr double kUnbounded = std::numeric_limits<double>::infinity();
 constexpr Reg GPR_SLOT[8] = {RSI, RDI, R8, R9, R10, R11, R14, RBP};
 constexpr Xmm XMM_SLOT[8] = {X2, X3, X4, X5, X6, X7, X8, X9};
 #ifdef _WIN32
@@ -77,9 +80,14 @@ class Gen {
   const RegionCode& rc_;
   const int* depth_;
   std::vector<ValType> st_;   // static type per stack depth
+  // A bound on the magnitude of each slot's value (infinity: none known).
+  // Floating arithmetic whose result provably stays below the SINGLE range
+  // skips its overflow test.
+  std::vector<double> bd_;
   std::vector<int> labels_;   // one per instruction
   int epilogue_ = -1;
   int stmt_ = 0;              // statement of the instruction in hand
+  int cur_ = 0;               // the instruction in hand
   std::map<std::pair<int, int>, int> error_stubs_;   // (stmt, msg) -> label
   std::map<std::pair<int, int>, int> exit_stubs_;    // (stmt, code) -> label
   std::vector<std::function<void()>> cold_;
@@ -331,7 +339,7 @@ class Gen {
     to_double(X0, d);
     if (type == values::kSingle) {
       cvt_sd2ss(X0, X0);
-      if (v.is_float()) {
+      if (v.is_float() && !fits_single(bd(d))) {
         cvt_ss2sd(X1, X0);
         a.movq(RAX, X1);
         a.mov_imm(RCX, 0x7FF0000000000000ll);
@@ -540,15 +548,55 @@ class Gen {
       in_loop_ = outer;
     });
   }
+  double bd(int d) const { return bd_[static_cast<std::size_t>(d)]; }
+  // The literal pushed by instruction j, as a double; false when it is none.
+  bool literal_at(int j, double* v) const {
+    if (j < 0 || ins(j).op != OP_PUSH_CONST) return false;
+    if (ins(j).type <= values::kInt64) *v = static_cast<double>(static_cast<std::int64_t>(ins(j).operand));
+    else std::memcpy(v, &ins(j).operand, 8);
+    return true;
+  }
+  // A value below this cannot become infinite when rounded to SINGLE.
+  static bool fits_single(double bound) { return bound < 3.0e38; }
+  double bound_after(int i, int d) const;
   void prologue();
   void emit_epilogue();
   bool instruction(int i);
   void compare(int i, std::uint8_t op, int d);
   void arith(std::uint8_t op, int d);
   void for_entry(int i, int d);
+  bool unroll(int i, int d);
+  int resume_at_ = -1;  // after an unrolled loop: the instruction to go on with
   void next(int i);
   bool divide_by_constant(int i, std::uint8_t op, int d);
 };
+
+double Gen::bound_after(int i, int d) const {
+  const Instr& in = ins(i);
+  const double type_bound = info_result_.is_int() ? std::max(info_result_.mag, 1.0) : kUnbounded;
+  double r = kUnbounded;
+  switch (in.op) {
+    case OP_PUSH_CONST: {
+      double v;
+      (void)literal_at(i, &v);
+      r = std::fabs(v);
+      break;
+    }
+    case OP_ADD: case OP_SUB: r = bd(d - 2) + bd(d - 1); break;
+    case OP_MUL: r = bd(d - 2) * bd(d - 1); break;
+    case OP_DIV: {
+      double c;
+      if (literal_at(i - 1, &c) && c != 0) r = bd(d - 2) / std::fabs(c);
+      break;
+    }
+    case OP_NEG: case OP_ABS: r = bd(d - 1); break;
+    case OP_INT: case OP_FIX: r = bd(d - 1) + 1; break;
+    default: break;
+  }
+  // Rounding may move a result up by a unit in the last place.
+  r *= 1.0 + 1.0 / 1048576.0;
+  return std::isnan(r) ? kUnbounded : std::min(r, type_bound);
+}
 
 void Gen::prologue() {
   const Reg saved[] = {RBX, RBP, R12, R13, R14, R15, RSI, RDI};
@@ -726,14 +774,33 @@ void Gen::arith(std::uint8_t op, int d) {
     // are computed in single precision: the same bits as the double
     // operation rounded once.
     auto small = [&](const ValType& t) { return t.type == values::kSingle || (t.is_int() && t.mag <= 16777216.0); };
+    // A literal divisor: never zero, and a power of two divides exactly
+    // as a multiplication by its reciprocal does (a few cycles, not tens).
+    double divisor = 0;
+    const bool literal_divisor = op == OP_DIV && literal_at(cur_ - 1, &divisor) && std::fabs(divisor) >= 1e-30 &&
+                                 std::fabs(divisor) <= 1e30;
+    int exponent = 0;
+    const bool power_of_two = literal_divisor && std::fabs(std::frexp(divisor, &exponent)) == 0.5 &&
+                              exponent >= -120 && exponent <= 120;
+    const bool may_overflow = !fits_single(bound_after(cur_, d));
     if (rt == values::kSingle && small(ta) && small(tb)) {
       if (ta.is_int()) cvt_si2ss(x(da), g(da));
       Xmm xb = x(db);
+      if (power_of_two) {
+        const float r = static_cast<float>(1.0 / divisor);
+        std::uint32_t bits;
+        std::memcpy(&bits, &r, 4);
+        a.mov_imm(RAX, bits);
+        a.movd(X1, RAX);
+        a.mulss(x(da), X1);
+        if (may_overflow) check_single(x(da));
+        return;
+      }
       if (tb.is_int()) {
         cvt_si2ss(X1, g(db));
         xb = X1;
       }
-      if (op == OP_DIV) {
+      if (op == OP_DIV && !literal_divisor) {
         const int nonzero = a.new_label();
         a.xorps(X10, X10);
         a.ucomiss(xb, X10);
@@ -747,18 +814,31 @@ void Gen::arith(std::uint8_t op, int d) {
         case OP_MUL: a.mulss(x(da), xb); break;
         default: a.divss(x(da), xb); break;
       }
-      check_single(x(da));
+      if (may_overflow) check_single(x(da));
       return;
     }
     // Otherwise in double, the result straight into a's floating register.
     if (ta.is_int()) cvt_si2sd(x(da), g(da));
     else if (ta.type == values::kSingle) cvt_ss2sd(x(da), x(da));
     Xmm xb = x(db);
+    if (power_of_two) {
+      const double r = 1.0 / divisor;
+      std::int64_t bits;
+      std::memcpy(&bits, &r, 8);
+      a.mov_imm(RAX, bits);
+      a.movq(X1, RAX);
+      a.mulsd(x(da), X1);
+      if (rt == values::kSingle) {
+        cvt_sd2ss(x(da), x(da));
+        if (may_overflow) check_single(x(da));
+      }
+      return;
+    }
     if (tb.type != values::kDouble) {
       to_double(X1, db);
       xb = X1;
     }
-    if (op == OP_DIV) {
+    if (op == OP_DIV && !literal_divisor) {
       const int nonzero = a.new_label();
       a.xorpd(X10, X10);
       a.ucomisd(xb, X10);
@@ -772,7 +852,10 @@ void Gen::arith(std::uint8_t op, int d) {
       case OP_MUL: a.mulsd(x(da), xb); break;
       default: a.divsd(x(da), xb); break;
     }
-    if (rt == values::kSingle) round_single(x(da));
+    if (rt == values::kSingle) {
+      cvt_sd2ss(x(da), x(da));
+      if (may_overflow) check_single(x(da));
+    }
     return;
   }
   // Everything else through the interpreter's own operator routine.
@@ -917,6 +1000,87 @@ void Gen::for_entry(int i, int d) {
   a.bind(body);
 }
 
+// A loop of at most 8 passes fixed by literals, whose body is straight-line
+// code that leaves the counter alone, is laid out once per pass: no compare,
+// no branch, and each pass's counter is a constant. Everything the
+// interpreter would need if it took over (the counter in memory, the mirror
+// entry, the loop's literal limit and step) is as in the rolled loop.
+bool Gen::unroll(int i, int d) {
+  const int slot = ins(i).count;
+  const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+  if (!values::is_integer_type(f.var_type) || !fc.start_c || !fc.all()) return false;
+  constexpr std::int64_t kSmall = std::int64_t{1} << 40;
+  if (fc.start > kSmall || fc.start < -kSmall || fc.limit > kSmall || fc.limit < -kSmall) return false;
+  const std::int64_t passes = (fc.limit - fc.start) / fc.step + 1;
+  if (passes < 1 || passes > 8) return false;
+  const int s = i + 1;
+  int e = -1;
+  for (int j = s; j < count() && j < s + 64; ++j)
+    if (ins(j).op == OP_NEXT && ins(j).count == slot) {
+      e = j;
+      break;
+    }
+  if (e < 0 || loop_head_[static_cast<std::size_t>(s)] < 0) return false;
+  const Loop& loop = loops_[static_cast<std::size_t>(loop_head_[static_cast<std::size_t>(s)])];
+  if (loop.tail != e || !loop.clean ||
+      std::find(loop.stored.begin(), loop.stored.end(), f.d) != loop.stored.end())
+    return false;
+  for (int j = s; j < e; ++j) {
+    if (depth_[j] < 0) continue;
+    switch (ins(j).op) {
+      case OP_JUMP: case OP_BRANCH_FALSE: case OP_GOTO_LOCAL: case OP_GOTO_LINE: case OP_GOSUB_LOCAL:
+      case OP_GOSUB_LINE: case OP_RETURN: case OP_FOR: case OP_NEXT: case OP_END: case OP_FALLBACK:
+        return false;
+      case OP_STATEMENT:
+        if (ins(j).type != 0) return false;  // profiled: every statement's runs are counted as written
+        break;
+      default: break;
+    }
+  }
+  for (int j = s; j <= e; ++j)
+    if (ins(j).op == OP_STATEMENT && ins(j).type != 0) return false;
+  // The value after the last pass must fit the counter's type, as NEXT's would.
+  const std::int64_t after = fc.start + passes * fc.step;
+  const std::int64_t top = f.var_type == values::kInteger ? 32767 : f.var_type == values::kLong ? 2147483647 : INT64_MAX / 2;
+  if (after > top || after < -top) return false;
+
+  for_entry(i, d);
+  in_loop_ = &loop;
+  load_cache();
+  const Cached* c = cached(f.d);
+  auto set_counter = [&](std::int64_t v) {
+    a.mov_imm(RAX, v);
+    switch (f.var_type) {
+      case values::kInteger: a.store16(var(f.d), RAX); break;
+      case values::kLong: a.store32(var(f.d), RAX); break;
+      default: a.store64(var(f.d), RAX); break;
+    }
+    if (c) a.mov(static_cast<Reg>(c->reg), RAX);
+  };
+  for (std::int64_t k = 0; k < passes; ++k) {
+    if (k > 0) set_counter(fc.start + k * fc.step);
+    for (int j = s; j < e; ++j) {
+      if (depth_[j] < 0) continue;
+      st_.resize(static_cast<std::size_t>(depth_[j]));
+      bd_.resize(static_cast<std::size_t>(depth_[j]), kUnbounded);
+      if (!instruction(j)) return false;
+    }
+  }
+  stmt_ = info(e).stmt;
+  set_counter(after);
+  mirror_pop(F(for_room));
+  a.store8_imm(mem(R12, F(live) + slot), 0);
+  in_loop_ = nullptr;
+  for (int j = s; j <= e; ++j) {
+    a.bind(labels_[static_cast<std::size_t>(j)]);
+    offsets[static_cast<std::size_t>(j)] = static_cast<std::uint32_t>(a.size());
+  }
+  st_.resize(static_cast<std::size_t>(depth_[e]));
+  resume_at_ = e + 1;
+  return true;
+}
+
 void Gen::next(int i) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
@@ -1057,6 +1221,7 @@ void Gen::next(int i) {
 bool Gen::instruction(int i) {
   const Instr& in = ins(i);
   const int d = depth_[i];
+  cur_ = i;
   stmt_ = info(i).stmt;
   info_result_ = info(i).result;
   switch (in.op) {
@@ -1264,7 +1429,9 @@ bool Gen::instruction(int i) {
       a.test(RAX, RAX);
       a.jcc(E, error_stub(kMsgNone));
       break;
-    case OP_FOR: for_entry(i, d); break;
+    case OP_FOR:
+      if (!unroll(i, d)) for_entry(i, d);
+      break;
     case OP_NEXT: next(i); break;
     case OP_LOAD_ELEM: {
       const int n = in.count;
@@ -1285,8 +1452,13 @@ bool Gen::instruction(int i) {
   // The stack's types after the instruction.
   int out;
   (void)stack_effect(in, d, &out);
+  const double result_bound = out > 0 && produces_value(in.op) ? bound_after(i, d) : kUnbounded;
   st_.resize(static_cast<std::size_t>(out));
-  if (out > 0 && produces_value(in.op)) st_[static_cast<std::size_t>(out - 1)] = info_result_;
+  bd_.resize(static_cast<std::size_t>(out), kUnbounded);
+  if (out > 0 && produces_value(in.op)) {
+    st_[static_cast<std::size_t>(out - 1)] = info_result_;
+    bd_[static_cast<std::size_t>(out - 1)] = result_bound;
+  }
   // An array store's element is addressed as soon as its subscripts are known.
   if (info(i).store_addr > 0) {
     const int n = info(i).store_addr;
@@ -1459,7 +1631,14 @@ bool Gen::run() {
     offsets[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(a.size());
     if (depth_[i] >= 0 && !skip_[static_cast<std::size_t>(i)]) {
       st_.resize(static_cast<std::size_t>(depth_[i]));
+      bd_.resize(static_cast<std::size_t>(depth_[i]), kUnbounded);
       if (!instruction(i)) return false;
+      if (resume_at_ >= 0) {
+        // An unrolled loop: its body and NEXT are already laid out.
+        i = resume_at_ - 1;
+        resume_at_ = -1;
+        continue;
+      }
     }
     if (in_loop_ && in_loop_->tail == i) in_loop_ = nullptr;
   }
