@@ -84,6 +84,32 @@ class Gen {
   // Floating arithmetic whose result provably stays below the SINGLE range
   // skips its overflow test.
   std::vector<double> bd_;
+  // Slots holding an integer known at compile time (literals, and the
+  // counter of an unrolled loop).
+  std::vector<bool> kk_;
+  std::vector<std::int64_t> kv_;
+  const values::Descriptor* unrolled_var_ = nullptr;  // the counter of the pass being laid out
+  std::int64_t unrolled_value_ = 0;
+  // Literal operands of floating arithmetic are read from a pool behind the
+  // code instead of being built in a register: (bits, is SINGLE) -> label.
+  std::map<std::pair<std::uint64_t, bool>, int> pool_;
+  std::vector<bool> pooled_;  // per slot: a literal left in the pool
+  int pool_label(double v, bool single) {
+    std::uint64_t bits = 0;
+    if (single) {
+      const float f = static_cast<float>(v);
+      std::uint32_t b;
+      std::memcpy(&b, &f, 4);
+      bits = b;
+    } else {
+      std::memcpy(&bits, &v, 8);
+    }
+    auto it = pool_.find({bits, single});
+    if (it != pool_.end()) return it->second;
+    const int l = a.new_label();
+    pool_[{bits, single}] = l;
+    return l;
+  }
   std::vector<int> labels_;   // one per instruction
   int epilogue_ = -1;
   int stmt_ = 0;              // statement of the instruction in hand
@@ -124,6 +150,7 @@ class Gen {
     bool all() const { return limit_c && step_c; }
   };
   std::vector<ForConst> for_const_;
+  std::vector<const values::Descriptor*> region_stored_;  // every scalar the region assigns
   std::vector<Loop> loops_;
   std::vector<int> loop_head_;       // per instruction: the loop starting there, or -1
   const Loop* in_loop_ = nullptr;    // the loop whose body is being generated
@@ -195,14 +222,27 @@ class Gen {
                                               reinterpret_cast<const std::uint8_t*>(values::descriptor_table())) + kDescValue);
   }
 
+  // While an unrolled loop's body is laid out: its FOR, whose mirror entry
+  // is only made on the way out (the body's statements belong to it alone).
+  int lazy_for_ = -1;
+  void lazy_for_entry(int slot) {
+    if (slot < 0) return;
+    a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(for_key(slot)));
+    a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kMirrorFor));
+    a.alu_imm(Assembler::ADD, R15, 16);
+    a.alu32_mem_imm(Assembler::SUB, mem(R12, F(for_room)), 1);
+    a.store8_imm(mem(R12, F(live) + slot), 1);
+  }
   int error_stub(int msg) {
     auto key = std::make_pair(stmt_, msg);
     auto it = error_stubs_.find(key);
     if (it != error_stubs_.end()) return it->second;
     const int l = a.new_label();
     const int s = stmt_;
-    cold_.push_back([this, l, s, msg] {
+    const int lazy = lazy_for_;
+    cold_.push_back([this, l, s, msg, lazy] {
       a.bind(l);
+      lazy_for_entry(lazy);
       a.store32_imm(mem(R12, F(exit_stmt)), s);
       a.store32_imm(mem(R12, F(error_msg)), msg);
       a.mov_imm(RAX, 0);
@@ -216,8 +256,10 @@ class Gen {
     auto it = exit_stubs_.find(key);
     if (it != exit_stubs_.end()) return it->second;
     const int l = a.new_label();
-    cold_.push_back([this, l, stmt, code] {
+    const int lazy = lazy_for_;
+    cold_.push_back([this, l, stmt, code, lazy] {
       a.bind(l);
+      lazy_for_entry(lazy);
       a.store32_imm(mem(R12, F(exit_stmt)), stmt);
       a.mov_imm(RAX, code);
       a.jmp(epilogue_);
@@ -336,6 +378,10 @@ class Gen {
       a.movss(m, x(d));
       return x(d);
     }
+    if (type == values::kDouble && v.type == values::kDouble) {
+      a.movsd(m, x(d));
+      return x(d);
+    }
     to_double(X0, d);
     if (type == values::kSingle) {
       cvt_sd2ss(X0, X0);
@@ -371,7 +417,8 @@ class Gen {
   }
   // Subscripts in slots d0..d0+n-1 to an element address in RAX (the
   // interpreter's checks in its order). Floating subscripts are rounded first.
-  void element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type) {
+  // Returns true when the address went straight to dst, false when it is in RAX.
+  bool element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type, Reg dst = RAX) {
     for (int k = 0; k < n; ++k) {
       if (!st_[static_cast<std::size_t>(d0 + k)].is_float()) continue;
       to_tmp(0, d0 + k);
@@ -383,7 +430,7 @@ class Gen {
     }
     if (!d) {
       a.jmp(error_stub(kMsgNotDimensioned));
-      return;
+      return false;
     }
     if (n == 1) {
       if (const CachedArray* c = cached_array(d)) {
@@ -404,6 +451,15 @@ class Gen {
           a.jmp(range);
         });
         const auto width = static_cast<std::uint8_t>(values::slot_width(type));
+        std::int64_t k;
+        if (known(d0, &k) && k - values::option_base >= 0 && k < (1 << 24)) {
+          // A constant subscript: valid when the count exceeds it.
+          const std::int64_t index = k - values::option_base;
+          a.alu_imm(Assembler::CMP, c->count, static_cast<std::int32_t>(index));
+          a.jcc(BE, slow);
+          a.lea(dst, mem(c->block, static_cast<std::int32_t>(16 + index * width)));
+          return true;
+        }
         if (values::option_base == 0) {
           a.alu(Assembler::CMP, g(d0), c->count);
           a.jcc(AE, slow);
@@ -414,7 +470,7 @@ class Gen {
           a.jcc(AE, slow);
           a.lea(RAX, mem(c->block, RCX, width, 16));
         }
-        return;
+        return false;
       }
       a.load64(RAX, mem(RBX, var(d).disp));  // the block pointer, re-read: REDIM and ERASE move it
       a.test(RAX, RAX);
@@ -435,7 +491,7 @@ class Gen {
           a.jcc(AE, error_stub(kMsgSubscript));
           a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(width), 16));
         }
-        return;
+        return false;
       }
       a.mov(RCX, g(d0));
       a.alu(Assembler::SUB, RCX, mem(R12, F(option_base)));
@@ -445,13 +501,15 @@ class Gen {
       a.jcc(A, error_stub(kMsgSubscript));
       const std::uint32_t w = values::slot_width(type);
       a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(w), 16));
-      return;
+      return false;
     }
     for (int k = 0; k < n; ++k) a.store64(mem(R12, F(subs) + 8 * k), g(d0 + k));
     call(reinterpret_cast<const void*>(&helper_element), d0, reinterpret_cast<std::int64_t>(d), n, 3);
     a.test(RAX, RAX);
     a.jcc(E, error_stub(kMsgNone));
+    return false;
   }
+
   // A backward branch: count down, and every kPollInterval-th time ask
   // whether the interpreter must take over (break key, events, closing).
   void back_edge(int target) {
@@ -549,6 +607,19 @@ class Gen {
     });
   }
   double bd(int d) const { return bd_[static_cast<std::size_t>(d)]; }
+  void resize_slots(int n) {
+    const auto k = static_cast<std::size_t>(n);
+    st_.resize(k);
+    bd_.resize(k, kUnbounded);
+    kk_.resize(k, false);
+    kv_.resize(k, 0);
+    pooled_.resize(k, false);
+  }
+  bool known(int d, std::int64_t* v) const {
+    if (!kk_[static_cast<std::size_t>(d)]) return false;
+    *v = kv_[static_cast<std::size_t>(d)];
+    return true;
+  }
   // The literal pushed by instruction j, as a double; false when it is none.
   bool literal_at(int j, double* v) const {
     if (j < 0 || ins(j).op != OP_PUSH_CONST) return false;
@@ -559,14 +630,42 @@ class Gen {
   // A value below this cannot become infinite when rounded to SINGLE.
   static bool fits_single(double bound) { return bound < 3.0e38; }
   double bound_after(int i, int d) const;
+  // A pooled literal's value as the operation sees it: a SINGLE literal is
+  // its binary32 value even where the operation is done in double.
+  double pooled_value(int j) const {
+    double v;
+    (void)literal_at(j, &v);
+    if (ins(j).type == values::kSingle) v = static_cast<float>(v);
+    return v;
+  }
+  void sse_pooled(bool single, std::uint8_t op, Xmm dst, int j) {
+    static constexpr std::uint8_t kOpcode[] = {0x58, 0x5C, 0x59, 0x5E};
+    const int k = op == OP_ADD ? 0 : op == OP_SUB ? 1 : op == OP_MUL ? 2 : 3;
+    a.sse_rip(single ? 0xF3 : 0xF2, kOpcode[k], dst, pool_label(pooled_value(j), single));
+  }
+  // The literal at i is the right operand of floating +, -, * or / right
+  // after it: that operation reads it from the pool.
+  bool poolable(int i) const {
+    if (i + 1 >= count() || depth_[i + 1] != depth_[i] + 1 || skip_[static_cast<std::size_t>(i + 1)]) return false;
+    const std::uint8_t op = ins(i + 1).op;
+    if (op != OP_ADD && op != OP_SUB && op != OP_MUL && op != OP_DIV) return false;
+    const ValType& r = info(i + 1).result;
+    if (!r.is_float()) return false;
+    double v = 0;
+    (void)literal_at(i, &v);
+    if (op == OP_DIV && !(std::fabs(v) >= 1e-30 && std::fabs(v) <= 1e30)) return false;  // keeps its zero test
+    if (ins(i).type <= values::kInt64) return std::fabs(v) <= 16777216.0;  // exact in SINGLE as in DOUBLE
+    return true;
+  }
   void prologue();
   void emit_epilogue();
   bool instruction(int i);
   void compare(int i, std::uint8_t op, int d);
   void arith(std::uint8_t op, int d);
-  void for_entry(int i, int d);
+  void for_entry(int i, int d, bool lazy = false);
   bool unroll(int i, int d);
   int resume_at_ = -1;  // after an unrolled loop: the instruction to go on with
+  bool pool_next_ = false;  // the literal in hand is left in the pool
   void next(int i);
   bool divide_by_constant(int i, std::uint8_t op, int d);
 };
@@ -783,16 +882,17 @@ void Gen::arith(std::uint8_t op, int d) {
     const bool power_of_two = literal_divisor && std::fabs(std::frexp(divisor, &exponent)) == 0.5 &&
                               exponent >= -120 && exponent <= 120;
     const bool may_overflow = !fits_single(bound_after(cur_, d));
+    const bool pooled = pooled_[static_cast<std::size_t>(db)];
     if (rt == values::kSingle && small(ta) && small(tb)) {
       if (ta.is_int()) cvt_si2ss(x(da), g(da));
+      if (pooled && !power_of_two) {
+        sse_pooled(true, op, x(da), cur_ - 1);
+        if (may_overflow) check_single(x(da));
+        return;
+      }
       Xmm xb = x(db);
       if (power_of_two) {
-        const float r = static_cast<float>(1.0 / divisor);
-        std::uint32_t bits;
-        std::memcpy(&bits, &r, 4);
-        a.mov_imm(RAX, bits);
-        a.movd(X1, RAX);
-        a.mulss(x(da), X1);
+        a.sse_rip(0xF3, 0x59, x(da), pool_label(1.0 / divisor, true));
         if (may_overflow) check_single(x(da));
         return;
       }
@@ -822,12 +922,15 @@ void Gen::arith(std::uint8_t op, int d) {
     else if (ta.type == values::kSingle) cvt_ss2sd(x(da), x(da));
     Xmm xb = x(db);
     if (power_of_two) {
-      const double r = 1.0 / divisor;
-      std::int64_t bits;
-      std::memcpy(&bits, &r, 8);
-      a.mov_imm(RAX, bits);
-      a.movq(X1, RAX);
-      a.mulsd(x(da), X1);
+      a.sse_rip(0xF2, 0x59, x(da), pool_label(1.0 / divisor, false));
+      if (rt == values::kSingle) {
+        cvt_sd2ss(x(da), x(da));
+        if (may_overflow) check_single(x(da));
+      }
+      return;
+    }
+    if (pooled) {
+      sse_pooled(false, op, x(da), cur_ - 1);
       if (rt == values::kSingle) {
         cvt_sd2ss(x(da), x(da));
         if (may_overflow) check_single(x(da));
@@ -911,7 +1014,7 @@ bool Gen::divide_by_constant(int i, std::uint8_t op, int d) {
   return true;
 }
 
-void Gen::for_entry(int i, int d) {
+void Gen::for_entry(int i, int d, bool lazy) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
   const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
@@ -952,9 +1055,13 @@ void Gen::for_entry(int i, int d) {
     a.alu(Assembler::SUB, RAX, RCX);
     a.store64(mem(R12, o_sign), RAX);
   }
+  if (lazy) return;  // an unrolled loop: it runs, and its mirror entry is made only on the way out
   mirror_push(for_key(slot), kMirrorFor, F(for_room), true);
   a.store8_imm(mem(R12, F(live) + slot), 1);
   // The entry test: a loop can run zero times (known here when all three are literals).
+  if (f.step_const && fc.start_c && fc.all() &&
+      (f.step_sign > 0 ? fc.start <= fc.limit : f.step_sign < 0 ? fc.start >= fc.limit : false))
+    return;
   const int body = a.new_label(), past = a.new_label();
   auto test = [&](int sign) {
     if (sign == 0) return;
@@ -1012,6 +1119,7 @@ bool Gen::unroll(int i, int d) {
   if (!values::is_integer_type(f.var_type) || !fc.start_c || !fc.all()) return false;
   constexpr std::int64_t kSmall = std::int64_t{1} << 40;
   if (fc.start > kSmall || fc.start < -kSmall || fc.limit > kSmall || fc.limit < -kSmall) return false;
+  if (fc.step > 0 ? fc.start > fc.limit : fc.start < fc.limit) return false;  // runs no pass
   const std::int64_t passes = (fc.limit - fc.start) / fc.step + 1;
   if (passes < 1 || passes > 8) return false;
   const int s = i + 1;
@@ -1045,32 +1153,40 @@ bool Gen::unroll(int i, int d) {
   const std::int64_t top = f.var_type == values::kInteger ? 32767 : f.var_type == values::kLong ? 2147483647 : INT64_MAX / 2;
   if (after > top || after < -top) return false;
 
-  for_entry(i, d);
+  for_entry(i, d, true);
   in_loop_ = &loop;
   load_cache();
-  const Cached* c = cached(f.d);
+  lazy_for_ = slot;
+  // The body reads the counter as a constant; memory holds it for the
+  // interpreter (errors, helpers).
   auto set_counter = [&](std::int64_t v) {
-    a.mov_imm(RAX, v);
     switch (f.var_type) {
-      case values::kInteger: a.store16(var(f.d), RAX); break;
-      case values::kLong: a.store32(var(f.d), RAX); break;
-      default: a.store64(var(f.d), RAX); break;
+      case values::kInteger: a.store16_imm(var(f.d), static_cast<std::int16_t>(v)); break;
+      case values::kLong: a.store32_imm(var(f.d), static_cast<std::int32_t>(v)); break;
+      default:
+        a.mov_imm(RAX, v);
+        a.store64(var(f.d), RAX);
+        break;
     }
-    if (c) a.mov(static_cast<Reg>(c->reg), RAX);
   };
+  unrolled_var_ = f.d;
   for (std::int64_t k = 0; k < passes; ++k) {
-    if (k > 0) set_counter(fc.start + k * fc.step);
+    unrolled_value_ = fc.start + k * fc.step;
+    if (k > 0) set_counter(unrolled_value_);
     for (int j = s; j < e; ++j) {
       if (depth_[j] < 0) continue;
-      st_.resize(static_cast<std::size_t>(depth_[j]));
-      bd_.resize(static_cast<std::size_t>(depth_[j]), kUnbounded);
-      if (!instruction(j)) return false;
+      resize_slots(depth_[j]);
+      if (!instruction(j)) {
+        unrolled_var_ = nullptr;
+        lazy_for_ = -1;
+        return false;
+      }
     }
   }
+  unrolled_var_ = nullptr;
+  lazy_for_ = -1;
   stmt_ = info(e).stmt;
   set_counter(after);
-  mirror_pop(F(for_room));
-  a.store8_imm(mem(R12, F(live) + slot), 0);
   in_loop_ = nullptr;
   for (int j = s; j <= e; ++j) {
     a.bind(labels_[static_cast<std::size_t>(j)]);
@@ -1105,15 +1221,21 @@ void Gen::next(int i) {
   const bool imm_limit = integer && fc.limit_c && fc.limit == static_cast<std::int32_t>(fc.limit);
   // The counter cannot overflow when the body leaves it alone: it is within
   // the literal limit on every pass, and limit + step fits its type.
+  // Outside a clean loop the FOR is the mirror's top (tested above), so it
+  // was entered natively: enough when no code of the region assigns the
+  // counter.
+  const bool untouched = clean ? !var_stored
+                               : f.same_var.empty() && std::find(region_stored_.begin(), region_stored_.end(), f.d) ==
+                                                           region_stored_.end();
   bool no_overflow = false;
-  if (clean && !var_stored && imm_step && imm_limit) {
+  if (untouched && imm_step && imm_limit) {
     const std::int64_t top = f.var_type == values::kInteger ? 32767 : f.var_type == values::kLong ? 2147483647 : INT64_MAX;
     const std::int64_t bottom = f.var_type == values::kInteger ? -32768 : f.var_type == values::kLong ? -2147483647 - 1 : INT64_MIN;
     no_overflow = fc.step > 0 ? fc.limit <= top - fc.step : fc.limit >= bottom - fc.step;
   }
   // A loop whose trip count is bounded by literals, with a body free of
   // loops, needs no poll of its own: the loop around it polls.
-  const bool bounded = no_overflow && fc.start_c &&
+  const bool bounded = clean && no_overflow && fc.start_c &&
                        (fc.step > 0 ? fc.limit - fc.start : fc.start - fc.limit) / (fc.step > 0 ? fc.step : -fc.step) < 4096;
   const int done = a.new_label(), again = a.new_label();
   const Mem v = var(f.d);
@@ -1242,6 +1364,10 @@ bool Gen::instruction(int i) {
       }
       break;
     case OP_PUSH_CONST:
+      if (poolable(i)) {
+        pool_next_ = true;
+        break;
+      }
       if (in.type <= values::kInt64) {
         a.mov_imm(g(d), static_cast<std::int64_t>(in.operand));
       } else if (in.type == values::kSingle) {
@@ -1258,7 +1384,16 @@ bool Gen::instruction(int i) {
       }
       break;
     case OP_PUSH_VAR:
-      if (const Cached* c = cached(info(i).d)) {
+      if (unrolled_var_ && info(i).d == unrolled_var_) {
+        // Left unmaterialised when it only subscripts a register-held array
+        // (the element is addressed from the constant).
+        const std::int64_t index = unrolled_value_ - values::option_base;
+        const bool subscript_only =
+            index >= 0 && index < (1 << 24) &&
+            ((info(i).store_addr == 1 && cached_array(info(info(i).id).d)) ||
+             (i + 1 < count() && ins(i + 1).op == OP_LOAD_ELEM && ins(i + 1).count == 1 && cached_array(info(i + 1).d)));
+        if (!subscript_only) a.mov_imm(g(d), unrolled_value_);
+      } else if (const Cached* c = cached(info(i).d)) {
         if (values::is_integer_type(c->type)) a.mov(g(d), static_cast<Reg>(c->reg));
         else a.movapd(x(d), static_cast<Xmm>(c->reg));
       } else {
@@ -1399,15 +1534,10 @@ bool Gen::instruction(int i) {
       a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(kMirrorGosub << 16 | static_cast<std::uint32_t>(info(i).id)));
       a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kMirrorGosub));
       a.alu_imm(Assembler::ADD, R15, 16);
+      // No poll here: a cycle through GOSUBs alone deepens the stack until
+      // it runs out, and every other cycle has a back edge that polls.
       a.alu_imm(Assembler::SUB, RSP, 8);
-      {
-        const int enter = a.new_label(), after = a.new_label();
-        a.call(enter);
-        a.jmp(after);
-        a.bind(enter);
-        back_edge(target);
-        a.bind(after);
-      }
+      a.call(labels_[static_cast<std::size_t>(target)]);
       a.alu_imm(Assembler::ADD, RSP, 8);
       break;
     }
@@ -1453,18 +1583,28 @@ bool Gen::instruction(int i) {
   int out;
   (void)stack_effect(in, d, &out);
   const double result_bound = out > 0 && produces_value(in.op) ? bound_after(i, d) : kUnbounded;
-  st_.resize(static_cast<std::size_t>(out));
-  bd_.resize(static_cast<std::size_t>(out), kUnbounded);
+  const bool pooled_now = in.op == OP_PUSH_CONST && pool_next_;
+  pool_next_ = false;
+  resize_slots(out);
   if (out > 0 && produces_value(in.op)) {
-    st_[static_cast<std::size_t>(out - 1)] = info_result_;
-    bd_[static_cast<std::size_t>(out - 1)] = result_bound;
+    const auto top = static_cast<std::size_t>(out - 1);
+    st_[top] = info_result_;
+    bd_[top] = result_bound;
+    pooled_[top] = pooled_now;
+    kk_[top] = false;
+    if (in.op == OP_PUSH_CONST && in.type <= values::kInt64) {
+      kk_[top] = true;
+      kv_[top] = static_cast<std::int64_t>(in.operand);
+    } else if (in.op == OP_PUSH_VAR && unrolled_var_ && info(i).d == unrolled_var_) {
+      kk_[top] = true;
+      kv_[top] = unrolled_value_;
+    }
   }
   // An array store's element is addressed as soon as its subscripts are known.
   if (info(i).store_addr > 0) {
     const int n = info(i).store_addr;
     const int j = info(i).id;
-    element_address(out - n, n, info(j).d, ins(j).type);
-    a.mov(g(out - n), RAX);
+    if (!element_address(out - n, n, info(j).d, ins(j).type, g(out - n))) a.mov(g(out - n), RAX);
     st_[static_cast<std::size_t>(out - n)] = ValType{values::kInt64, 0};
   }
   return true;
@@ -1487,6 +1627,8 @@ void Gen::plan_loops() {
   const int n = count();
   loop_head_.assign(static_cast<std::size_t>(n), -1);
   for_const_.assign(rc_.fors.size(), ForConst{});
+  for (int i = 0; i < n; ++i)
+    if (depth_[i] >= 0 && ins(i).op == OP_STORE_VAR) region_stored_.push_back(info(i).d);
   for (int i = 0; i < n; ++i) {
     if (depth_[i] < 0 || ins(i).op != OP_FOR) continue;
     // An expression that ends in a literal is that literal: step, limit and
@@ -1630,8 +1772,7 @@ bool Gen::run() {
     a.bind(labels_[static_cast<std::size_t>(i)]);
     offsets[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(a.size());
     if (depth_[i] >= 0 && !skip_[static_cast<std::size_t>(i)]) {
-      st_.resize(static_cast<std::size_t>(depth_[i]));
-      bd_.resize(static_cast<std::size_t>(depth_[i]), kUnbounded);
+      resize_slots(depth_[i]);
       if (!instruction(i)) return false;
       if (resume_at_ >= 0) {
         // An unrolled loop: its body and NEXT are already laid out.
@@ -1645,6 +1786,13 @@ bool Gen::run() {
   a.ud2();  // nothing falls off the end: the last instruction always leaves
   for (std::size_t k = 0; k < cold_.size(); ++k) cold_[k]();
   emit_epilogue();
+  a.align(8);
+  for (const auto& [key, label] : pool_) {
+    if (!key.second) a.align(8);
+    a.bind(label);
+    if (key.second) a.u32(static_cast<std::uint32_t>(key.first));
+    else a.u64(key.first);
+  }
   return a.resolve();
 }
 
