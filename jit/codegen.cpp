@@ -94,6 +94,11 @@ class Gen {
   // code instead of being built in a register: (bits, is SINGLE) -> label.
   std::map<std::pair<std::uint64_t, bool>, int> pool_;
   std::vector<bool> pooled_;  // per slot: a literal left in the pool
+  // Per slot: an element address known as block register + displacement
+  // (a constant subscript of a register-held array); RSP when none.
+  std::vector<Reg> ab_;
+  std::vector<std::int32_t> ad_;
+  std::vector<bool> elide_;  // per instruction: a FOR literal the FOR itself writes
   int pool_label(double v, bool single) {
     std::uint64_t bits = 0;
     if (single) {
@@ -457,7 +462,12 @@ class Gen {
           const std::int64_t index = k - values::option_base;
           a.alu_imm(Assembler::CMP, c->count, static_cast<std::int32_t>(index));
           a.jcc(BE, slow);
-          a.lea(dst, mem(c->block, static_cast<std::int32_t>(16 + index * width)));
+          if (dst == RAX) {
+            a.lea(RAX, mem(c->block, static_cast<std::int32_t>(16 + index * width)));
+          } else {
+            ab_[static_cast<std::size_t>(d0)] = c->block;  // the store addresses it directly
+            ad_[static_cast<std::size_t>(d0)] = static_cast<std::int32_t>(16 + index * width);
+          }
           return true;
         }
         if (values::option_base == 0) {
@@ -614,6 +624,8 @@ class Gen {
     kk_.resize(k, false);
     kv_.resize(k, 0);
     pooled_.resize(k, false);
+    ab_.resize(k, RSP);
+    ad_.resize(k, 0);
   }
   bool known(int d, std::int64_t* v) const {
     if (!kk_[static_cast<std::size_t>(d)]) return false;
@@ -1027,7 +1039,15 @@ void Gen::for_entry(int i, int d, bool lazy) {
     a.ucomisd(X0, X0);
     a.jcc(P, error_stub(kMsgIllegalCall));
   }
-  store_to(ds, f.var_type, var(f.d), d);
+  if (elide_[static_cast<std::size_t>(i - 1)]) {
+    switch (f.var_type) {
+      case values::kInteger: a.store16_imm(var(f.d), static_cast<std::int16_t>(fc.start)); break;
+      case values::kLong: a.store32_imm(var(f.d), static_cast<std::int32_t>(fc.start)); break;
+      default: a.store64_imm(var(f.d), static_cast<std::int32_t>(fc.start)); break;
+    }
+  } else {
+    store_to(ds, f.var_type, var(f.d), d);
+  }
   const std::int32_t o_limit_i = for_field(slot, offsetof(ForSlot, limit_i));
   const std::int32_t o_limit_d = for_field(slot, offsetof(ForSlot, limit_d));
   const std::int32_t o_sign = for_field(slot, offsetof(ForSlot, sign));
@@ -1364,6 +1384,7 @@ bool Gen::instruction(int i) {
       }
       break;
     case OP_PUSH_CONST:
+      if (elide_[static_cast<std::size_t>(i)]) break;
       if (poolable(i)) {
         pool_next_ = true;
         break;
@@ -1573,7 +1594,8 @@ bool Gen::instruction(int i) {
       const int n = in.count;
       // The element was addressed before the value was computed, into the
       // first subscript's register.
-      store_to(d - 1, in.type, mem(g(d - 1 - n), 0), d - 1);
+      const auto at = static_cast<std::size_t>(d - 1 - n);
+      store_to(d - 1, in.type, ab_[at] != RSP ? mem(ab_[at], ad_[at]) : mem(g(d - 1 - n), 0), d - 1);
       break;
     }
     default:
@@ -1591,6 +1613,7 @@ bool Gen::instruction(int i) {
     st_[top] = info_result_;
     bd_[top] = result_bound;
     pooled_[top] = pooled_now;
+    ab_[top] = RSP;
     kk_[top] = false;
     if (in.op == OP_PUSH_CONST && in.type <= values::kInt64) {
       kk_[top] = true;
@@ -1604,6 +1627,7 @@ bool Gen::instruction(int i) {
   if (info(i).store_addr > 0) {
     const int n = info(i).store_addr;
     const int j = info(i).id;
+    ab_[static_cast<std::size_t>(out - n)] = RSP;
     if (!element_address(out - n, n, info(j).d, ins(j).type, g(out - n))) a.mov(g(out - n), RAX);
     st_[static_cast<std::size_t>(out - n)] = ValType{values::kInt64, 0};
   }
@@ -1627,6 +1651,7 @@ void Gen::plan_loops() {
   const int n = count();
   loop_head_.assign(static_cast<std::size_t>(n), -1);
   for_const_.assign(rc_.fors.size(), ForConst{});
+  elide_.assign(static_cast<std::size_t>(n), false);
   for (int i = 0; i < n; ++i)
     if (depth_[i] >= 0 && ins(i).op == OP_STORE_VAR) region_stored_.push_back(info(i).d);
   for (int i = 0; i < n; ++i) {
@@ -1657,7 +1682,16 @@ void Gen::plan_loops() {
       if (const int n_limit = literal(j, &fc.limit)) {
         fc.limit_c = true;
         j -= n_limit;
-        fc.start_c = literal(j, &fc.start) > 0;
+        const int n_start = literal(j, &fc.start);
+        fc.start_c = n_start > 0;
+        // Three plain literals need no registers: the FOR writes them itself.
+        const std::uint8_t vt = rc_.fors[static_cast<std::size_t>(ins(i).count)].var_type;
+        const std::int64_t top = vt == values::kInteger ? 32767 : vt == values::kLong ? 2147483647 : INT64_MAX;
+        if (n_step == 1 && n_limit == 1 && n_start == 1 && fc.step != 0 && values::is_integer_type(vt) &&
+            rc_.fors[static_cast<std::size_t>(ins(i).count)].step_const &&
+            fc.start <= top && fc.start >= -top && fc.start >= INT32_MIN && fc.start <= INT32_MAX)
+          elide_[static_cast<std::size_t>(i - 1)] = elide_[static_cast<std::size_t>(i - 2)] =
+              elide_[static_cast<std::size_t>(i - 3)] = true;
       }
     }
     if (fc.step_c && fc.step == 0) fc = ForConst{};
