@@ -676,6 +676,14 @@ class Gen {
   void arith(std::uint8_t op, int d);
   void for_entry(int i, int d, bool lazy = false);
   bool unroll(int i, int d);
+  // An INTEGER or LONG counter with a literal step and an integer limit that
+  // is not a literal: its NEXT compares with the limit clamped to the type.
+  bool clamped_limit(int slot, const ValType& limit) const {
+    const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+    const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+    return (f.var_type == values::kInteger || f.var_type == values::kLong) && fc.step_c && !fc.limit_c &&
+           limit.is_int() && fc.step == static_cast<std::int32_t>(fc.step) && fc.step != 0;
+  }
   int resume_at_ = -1;  // after an unrolled loop: the instruction to go on with
   bool pool_next_ = false;  // the literal in hand is left in the pool
   void next(int i);
@@ -1055,6 +1063,17 @@ void Gen::for_entry(int i, int d, bool lazy) {
   // interpreter reads them only if it takes the loop over.
   if (!fc.all()) {
     if (tl.is_int()) a.store64(mem(R12, o_limit_i), g(dl));
+    if (clamped_limit(slot, f.limit)) {
+      // Within the counter's type: a counter still at most this after its
+      // step fits, so NEXT tests the type only on the way out.
+      const bool up = fc.step > 0;
+      a.mov(RAX, g(dl));
+      a.mov_imm(RCX, f.var_type == values::kInteger ? (up ? 32767 : -32768)
+                                                     : (up ? 2147483647 : -2147483648ll));
+      a.alu(Assembler::CMP, RAX, RCX);
+      a.cmov(up ? G : L, RAX, RCX);
+      a.store64(mem(R12, for_field(slot, offsetof(ForSlot, limit_in_range))), RAX);
+    }
     to_double(X0, dl);
     a.movsd(mem(R12, o_limit_d), X0);
     if (tt.is_int()) a.store64(mem(R12, for_field(slot, offsetof(ForSlot, step_i))), g(dt));
@@ -1268,6 +1287,35 @@ void Gen::next(int i) {
       default: a.store64(v, r); break;
     }
   };
+  if (integer && untouched && clamped_limit(slot, f.limit)) {
+    const Reg r = c ? static_cast<Reg>(c->reg) : RAX;
+    if (!c) load_from_reg(RAX, f.var_type, v);
+    a.alu_imm(Assembler::ADD, r, static_cast<std::int32_t>(fc.step));
+    a.alu(Assembler::CMP, r, mem(R12, for_field(slot, offsetof(ForSlot, limit_in_range))));
+    const int leaving = a.new_label();
+    a.jcc(fc.step > 0 ? G : L, leaving);
+    store_counter(r);
+    back_edge(static_cast<int>(ins(i).position));
+    // Past the clamped limit: past the real one too, unless the type ran out.
+    const int overflow = error_stub(kMsgOverflow);
+    const bool up = fc.step > 0;
+    const std::int64_t edge = f.var_type == values::kInteger ? (up ? 32767 : -32768) : (up ? 2147483647 : -2147483648ll);
+    const std::uint8_t vt = f.var_type;
+    const Mem vm = v;
+    cold_.push_back([this, leaving, overflow, up, edge, r, vt, vm, done] {
+      a.bind(leaving);
+      a.mov_imm(RCX, edge);
+      a.alu(Assembler::CMP, r, RCX);
+      a.jcc(up ? G : L, overflow);
+      if (vt == values::kInteger) a.store16(vm, r);
+      else a.store32(vm, r);
+      a.jmp(done);
+    });
+    a.bind(done);
+    mirror_pop(F(for_room));
+    a.store8_imm(mem(R12, F(live) + slot), 0);
+    return;
+  }
   if (integer && no_overflow) {
     const Reg r = c ? static_cast<Reg>(c->reg) : RAX;
     if (!c) load_from_reg(RAX, f.var_type, v);
