@@ -167,6 +167,35 @@ bool n_string(const Node* n, Value* v) {
 
 bool n_scalar(const Node* n, Value* v) { return scalar_load(n, v); }
 
+// A scalar read where the name gives the type (the usual case): one reader
+// per type, so the load is chosen when decoding, not by a dispatch on the
+// type that a shared reader mispredicts from one variable to the next.
+template <std::uint8_t T>
+bool n_scalar_typed(const Node* n, Value* v) {
+  const Descriptor* d = variable(n, false);
+  if (d && d->type == T) [[likely]] {
+    load_slot(d->value, T, v);
+    return true;
+  }
+  return scalar_load(n, v);
+}
+
+NodeFn scalar_reader(std::uint8_t type) {
+  switch (type) {
+    case kInteger: return n_scalar_typed<kInteger>;
+    case kLong: return n_scalar_typed<kLong>;
+    case kInt64: return n_scalar_typed<kInt64>;
+    case kSingle: return n_scalar_typed<kSingle>;
+    case kDouble: return n_scalar_typed<kDouble>;
+    default: return n_scalar;
+  }
+}
+
+bool is_scalar_node(const Node* n) {
+  return n->fn == n_scalar || n->fn == n_scalar_typed<kInteger> || n->fn == n_scalar_typed<kLong> ||
+         n->fn == n_scalar_typed<kInt64> || n->fn == n_scalar_typed<kSingle> || n->fn == n_scalar_typed<kDouble>;
+}
+
 bool n_element(const Node* n, Value* v) {
   std::int64_t subs[kMaxDimensions + 1];
   for (int k = 0; k < n->nsubs; ++k) {
@@ -236,7 +265,7 @@ bool n_binary(const Node* n, Value* v) {
 }
 
 Operand operand_kind(const Node* n) {
-  if (n->fn == n_scalar) return Operand::Scalar;
+  if (is_scalar_node(n)) return Operand::Scalar;
   if (n->fn == n_int || n->fn == n_float) return Operand::Literal;
   return Operand::Node;
 }
@@ -390,7 +419,7 @@ const Node* decode_primary(const Token*& t) {
         }
         case detail::kScalar:
           n = pool_new<Node>();
-          n->fn = n_scalar;
+          n->fn = scalar_reader(type_of_name(tok->name()));
           n->tok = tok;
           break;
         case detail::kBuiltin:
@@ -483,13 +512,19 @@ void decode(const Token* start, const Token* end) {
 // "name = expression" and "name(subscripts) = expression", decoded on their
 // second execution and kept in the cache of the token after the name.
 
+struct Assign;
+using AssignFn = bool (*)(const Assign*);
+
 struct Assign {
-  const Node* target;  // a variable node: n_scalar or n_element
+  const Node* target;  // a variable node: a scalar reader or n_element
   const Node* value;
   const Token* end;
+  AssignFn run;
 };
 
 core::CacheSlot& assign_slot(const Token* name) { return const_cast<Token*>(name + 1)->cache[0]; }
+
+AssignFn assigner(const Node* target);
 
 void decode_assignment(const Token* name, const Token* end) {
   if (running == 0 && (drop_pending || pool_bytes > kPoolLimit)) drop_all();
@@ -498,7 +533,7 @@ void decode_assignment(const Token* name, const Token* end) {
   if (detail::resolve(name) == detail::kPseudo) return;
   const Token* t = name;
   const Node* target = decode_primary(t);
-  if (!target || (target->fn != n_scalar && target->fn != n_element) || t->kind != '=') return;
+  if (!target || (!is_scalar_node(target) && target->fn != n_element) || t->kind != '=') return;
   ++t;
   const Node* value = decode_level(t, 1);
   if (!value || t != end) return;
@@ -506,6 +541,7 @@ void decode_assignment(const Token* name, const Token* end) {
   a->target = target;
   a->value = value;
   a->end = end;
+  a->run = assigner(target);
   s = {reinterpret_cast<std::uint64_t>(a), epoch};
 }
 
@@ -513,7 +549,7 @@ bool run_assignment(const Assign* a) {
   const Node* n = a->target;
   void* slot;
   std::uint8_t type;
-  if (n->fn == n_scalar) {
+  if (n->fn != n_element) {
     // Assignment creates the variable, before the value is evaluated.
     Descriptor* d;
     if (n->table_gen == table_generation() && n->type_gen == type_generation()) {
@@ -547,6 +583,40 @@ bool run_assignment(const Assign* a) {
   return store_same_type(slot, type, v) || store_value(slot, type, v);
 }
 
+// A scalar target of the type its name gives: its store is chosen when
+// decoding, like its reads.
+template <std::uint8_t T>
+bool run_scalar_assignment(const Assign* a) {
+  const Node* n = a->target;
+  Descriptor* d;
+  if (n->table_gen == table_generation() && n->type_gen == type_generation()) [[likely]] {
+    d = n->desc;
+  } else {
+    d = detail::lookup(n->tok, false, true);
+    if (!d) return false;
+    n->desc = d;
+    n->table_gen = table_generation();
+    n->type_gen = type_generation();
+  }
+  if (d->type != T) [[unlikely]]
+    return run_assignment(a);
+  Value v;
+  if (!a->value->fn(a->value, &v)) return false;
+  return store_same_type(d->value, T, v) || store_value(d->value, T, v);
+}
+
+AssignFn assigner(const Node* target) {
+  if (target->fn == n_element) return run_assignment;
+  switch (type_of_name(target->tok->name())) {
+    case kInteger: return run_scalar_assignment<kInteger>;
+    case kLong: return run_scalar_assignment<kLong>;
+    case kInt64: return run_scalar_assignment<kInt64>;
+    case kSingle: return run_scalar_assignment<kSingle>;
+    case kDouble: return run_scalar_assignment<kDouble>;
+    default: return run_assignment;
+  }
+}
+
 }  // namespace
 
 bool assign_statement(const Token*& t) {
@@ -555,7 +625,7 @@ bool assign_statement(const Token*& t) {
   if (s.b == epoch && s.a > kNotDecodable) {
     const Assign* a = reinterpret_cast<const Assign*>(s.a);
     ++running;
-    const bool ok = run_assignment(a);
+    const bool ok = a->run(a);
     --running;
     t = a->end;
     return ok;
