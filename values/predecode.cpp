@@ -12,6 +12,7 @@
 // becomes a node that runs the token walk's primary on its own tokens.
 #include <cstring>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "core/errors.h"
@@ -180,15 +181,24 @@ bool n_scalar_typed(const Node* n, Value* v) {
   return scalar_load(n, v);
 }
 
-NodeFn scalar_reader(std::uint8_t type) {
+// The variant of a routine made for a type code (kNoType: for any type).
+template <typename Fn, typename Pick>
+Fn for_type(std::uint8_t type, Pick pick) {
   switch (type) {
-    case kInteger: return n_scalar_typed<kInteger>;
-    case kLong: return n_scalar_typed<kLong>;
-    case kInt64: return n_scalar_typed<kInt64>;
-    case kSingle: return n_scalar_typed<kSingle>;
-    case kDouble: return n_scalar_typed<kDouble>;
-    default: return n_scalar;
+    case kInteger: return pick(std::integral_constant<std::uint8_t, kInteger>{});
+    case kLong: return pick(std::integral_constant<std::uint8_t, kLong>{});
+    case kInt64: return pick(std::integral_constant<std::uint8_t, kInt64>{});
+    case kSingle: return pick(std::integral_constant<std::uint8_t, kSingle>{});
+    case kDouble: return pick(std::integral_constant<std::uint8_t, kDouble>{});
+    default: return pick(std::integral_constant<std::uint8_t, kNoType>{});
   }
+}
+
+NodeFn scalar_reader(std::uint8_t type) {
+  return for_type<NodeFn>(type, [](auto t) -> NodeFn {
+    if constexpr (t() == kNoType) return n_scalar;
+    else return n_scalar_typed<t()>;
+  });
 }
 
 bool is_scalar_node(const Node* n) {
@@ -196,20 +206,46 @@ bool is_scalar_node(const Node* n) {
          n->fn == n_scalar_typed<kInt64> || n->fn == n_scalar_typed<kSingle> || n->fn == n_scalar_typed<kDouble>;
 }
 
-bool n_element(const Node* n, Value* v) {
+// The slot of an array element node (its errors raised); d is its array.
+[[gnu::always_inline]] inline void* element_slot(const Node* n, const Descriptor** d) {
   std::int64_t subs[kMaxDimensions + 1];
   for (int k = 0; k < n->nsubs; ++k) {
     Value s;
-    if (!n->subs[k]->fn(n->subs[k], &s)) return false;
+    if (!n->subs[k]->fn(n->subs[k], &s)) return nullptr;
     if (is_integer_type(s.type)) subs[k] = s.i;
-    else if (s.type == kString || s.type == kHyper) return detail::fail("Type mismatch");
-    else if (!value_to_int64(s, &subs[k])) return false;
+    else if (s.type == kString || s.type == kHyper) return detail::fail("Type mismatch"), nullptr;
+    else if (!value_to_int64(s, &subs[k])) return nullptr;
   }
-  const Descriptor* d = variable(n, true);
-  const void* slot = element_address(d, subs, n->nsubs);
+  *d = variable(n, true);
+  return element_address(*d, subs, n->nsubs);
+}
+
+// An element read, with the load for the type the array's name gives chosen
+// when decoding (kNoType: any type).
+template <std::uint8_t T>
+bool n_element_as(const Node* n, Value* v) {
+  const Descriptor* d;
+  const void* slot = element_slot(n, &d);
   if (!slot) return false;
+  if constexpr (T != kNoType) {
+    if (d->type == T) [[likely]] {
+      load_slot(slot, T, v);
+      return true;
+    }
+  }
   load_slot(slot, d->type, v);
   return true;
+}
+
+constexpr NodeFn n_element = n_element_as<kNoType>;
+
+NodeFn element_reader(std::uint8_t type) {
+  return for_type<NodeFn>(type, [](auto t) -> NodeFn { return n_element_as<t()>; });
+}
+
+bool is_element_node(const Node* n) {
+  return n->fn == n_element || n->fn == n_element_as<kInteger> || n->fn == n_element_as<kLong> ||
+         n->fn == n_element_as<kInt64> || n->fn == n_element_as<kSingle> || n->fn == n_element_as<kDouble>;
 }
 
 // A one-argument numeric function (SIN, LOG, SQR, ABS, INT, ...): its
@@ -402,7 +438,7 @@ const Node* decode_primary(const Token*& t) {
       switch (detail::resolve(tok)) {
         case detail::kArray: {
           n = pool_new<Node>();
-          n->fn = n_element;
+          n->fn = element_reader(type_of_name(tok->name()));
           n->tok = tok;
           ++t;  // "("
           for (;;) {
@@ -516,10 +552,11 @@ struct Assign;
 using AssignFn = bool (*)(const Assign*);
 
 struct Assign {
-  const Node* target;  // a variable node: a scalar reader or n_element
+  const Node* target;  // a variable node: a scalar or an element reader
   const Node* value;
   const Token* end;
   AssignFn run;
+  bool element;  // the target is an array element
 };
 
 core::CacheSlot& assign_slot(const Token* name) { return const_cast<Token*>(name + 1)->cache[0]; }
@@ -533,7 +570,7 @@ void decode_assignment(const Token* name, const Token* end) {
   if (detail::resolve(name) == detail::kPseudo) return;
   const Token* t = name;
   const Node* target = decode_primary(t);
-  if (!target || (!is_scalar_node(target) && target->fn != n_element) || t->kind != '=') return;
+  if (!target || (!is_scalar_node(target) && !is_element_node(target)) || t->kind != '=') return;
   ++t;
   const Node* value = decode_level(t, 1);
   if (!value || t != end) return;
@@ -542,17 +579,21 @@ void decode_assignment(const Token* name, const Token* end) {
   a->value = value;
   a->end = end;
   a->run = assigner(target);
+  a->element = is_element_node(target);
   s = {reinterpret_cast<std::uint64_t>(a), epoch};
 }
 
-bool run_assignment(const Assign* a) {
+// T, when not kNoType, is the type the target's name gives: the store for it
+// is chosen when decoding, like the reads, instead of by a dispatch on the type.
+template <std::uint8_t T>
+bool run_assignment_as(const Assign* a) {
   const Node* n = a->target;
   void* slot;
   std::uint8_t type;
-  if (n->fn != n_element) {
+  if (!a->element) {
     // Assignment creates the variable, before the value is evaluated.
     Descriptor* d;
-    if (n->table_gen == table_generation() && n->type_gen == type_generation()) {
+    if (n->table_gen == table_generation() && n->type_gen == type_generation()) [[likely]] {
       d = n->desc;
     } else {
       d = detail::lookup(n->tok, false, true);
@@ -565,56 +606,23 @@ bool run_assignment(const Assign* a) {
     type = d->type;
   } else {
     // The element is addressed (and its errors raised) before the value is evaluated.
-    std::int64_t subs[kMaxDimensions + 1];
-    for (int k = 0; k < n->nsubs; ++k) {
-      Value v;
-      if (!n->subs[k]->fn(n->subs[k], &v)) return false;
-      if (is_integer_type(v.type)) subs[k] = v.i;
-      else if (v.type == kString || v.type == kHyper) return detail::fail("Type mismatch");
-      else if (!value_to_int64(v, &subs[k])) return false;
-    }
-    const Descriptor* d = variable(n, true);
-    slot = element_address(d, subs, n->nsubs);
+    const Descriptor* d;
+    slot = element_slot(n, &d);
     if (!slot) return false;
     type = d->type;
   }
   Value v;
   if (!a->value->fn(a->value, &v)) return false;
+  if constexpr (T != kNoType) {
+    if (type == T) [[likely]]
+      return store_same_type(slot, T, v) || store_value(slot, T, v);
+  }
   return store_same_type(slot, type, v) || store_value(slot, type, v);
 }
 
-// A scalar target of the type its name gives: its store is chosen when
-// decoding, like its reads.
-template <std::uint8_t T>
-bool run_scalar_assignment(const Assign* a) {
-  const Node* n = a->target;
-  Descriptor* d;
-  if (n->table_gen == table_generation() && n->type_gen == type_generation()) [[likely]] {
-    d = n->desc;
-  } else {
-    d = detail::lookup(n->tok, false, true);
-    if (!d) return false;
-    n->desc = d;
-    n->table_gen = table_generation();
-    n->type_gen = type_generation();
-  }
-  if (d->type != T) [[unlikely]]
-    return run_assignment(a);
-  Value v;
-  if (!a->value->fn(a->value, &v)) return false;
-  return store_same_type(d->value, T, v) || store_value(d->value, T, v);
-}
-
 AssignFn assigner(const Node* target) {
-  if (target->fn == n_element) return run_assignment;
-  switch (type_of_name(target->tok->name())) {
-    case kInteger: return run_scalar_assignment<kInteger>;
-    case kLong: return run_scalar_assignment<kLong>;
-    case kInt64: return run_scalar_assignment<kInt64>;
-    case kSingle: return run_scalar_assignment<kSingle>;
-    case kDouble: return run_scalar_assignment<kDouble>;
-    default: return run_assignment;
-  }
+  return for_type<AssignFn>(type_of_name(target->tok->name()),
+                            [](auto t) -> AssignFn { return run_assignment_as<t()>; });
 }
 
 }  // namespace
