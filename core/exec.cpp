@@ -12,6 +12,7 @@
 #include "host/platform.h"
 #include "host/shell.h"
 #include "host/ui.h"
+#include "jit/jit.h"
 #include "screen/capture.h"
 #include "screen/console.h"
 #include "screen/keyqueue.h"
@@ -232,6 +233,19 @@ void reset_stacks() {
   exec.if_depth = 0;
 }
 
+// Where a statement ending at t continues. The end of a stored line is the
+// start of the next one: a loop or a RETURN going there skips a pass of the
+// run loop over the line's terminator (the line start is handled as usual).
+void continuation(const Token* t, std::uint32_t* line, std::uint32_t* token) {
+  if (t->kind == kTokEnd && exec.line != kDirect && exec.line + 1 < program.lines) {
+    *line = exec.line + 1;
+    *token = 0;
+  } else {
+    *line = exec.line;
+    *token = token_index(t);
+  }
+}
+
 bool push_return(std::uint32_t line, std::uint32_t token) {
   if (gosub_sp >= kMaxGosub) return fail("Out of memory");
   gosub_stack[gosub_sp++] = {line, token, exec.if_depth};
@@ -422,7 +436,8 @@ void run_loop(const Token* t) {
         return;
       }
     }
-    if (offer_compiled_region && !exec.stepping && !debug_request && offer_compiled_region(t)) {
+    // With the JIT off the offer is not even made: it would refuse every statement.
+    if (offer_compiled_region && !exec.stepping && !debug_request && jit::enabled() && offer_compiled_region(t)) {
       values::statement_boundary();
       if (exec.jumped) {
         exec.jumped = false;
@@ -666,7 +681,9 @@ void stmt_gosub(const Token*& t) {
   ++t;
   std::uint32_t index;
   if (!target_index(t, &index) || !statement_ends(t)) return;
-  if (!push_return(exec.line, token_index(t))) return;
+  std::uint32_t line, token;
+  continuation(t, &line, &token);
+  if (!push_return(line, token)) return;
   exec.running = true;
   request_jump(index, 0);
 }
@@ -754,13 +771,16 @@ void stmt_for(const Token*& t) {
     raise("Illegal function call");
     return;
   }
-  const std::uint8_t type = values::type_of_name(var->name());
+  // A variable the token already knows has the type its name gives.
+  values::Descriptor* d = values::scalar_cached(var);
+  const std::uint8_t type = d ? d->type : values::type_of_name(var->name());
   if (!values::is_numeric_type(type)) {
     raise("Type mismatch");
     return;
   }
-  values::Descriptor* d = values::scalar_of(var);
-  if (!d || !values::store_value(d->value, d->type, start)) return;
+  if (!d) d = values::scalar_of(var);
+  if (!d || !(values::store_same_type(d->value, d->type, start) || values::store_value(d->value, d->type, start)))
+    return;
   // Re-entering a loop of the same variable (a GOTO back to its FOR) replaces
   // that loop and every loop inside it instead of stacking a second one. The
   // search stops at the innermost GOSUB: a subroutine that reuses its
@@ -779,8 +799,9 @@ void stmt_for(const Token*& t) {
     return;
   }
   ForFrame& f = for_stack[for_sp];
-  std::memset(f.name, 0, sizeof f.name);
-  std::memcpy(f.name, var->name(), strnlen(var->name(), 39));
+  static_assert(sizeof f.name == sizeof var->payload, "a frame keeps the whole name field");
+  std::memcpy(f.name, var->payload, sizeof f.name);
+  f.name[sizeof f.name - 1] = 0;
   f.type = type;
   f.limit = limit;
   f.limit_d = limit_d;
@@ -791,16 +812,25 @@ void stmt_for(const Token*& t) {
   f.d = d;
   f.generation = values::table_generation();
   f.gosub_depth = gosub_sp;
-  f.line = exec.line;
-  f.token = token_index(t);
+  continuation(t, &f.line, &f.token);
   f.for_line = for_line;
   f.for_token = for_token;
   f.serial = ++loop_serial;
   ++for_sp;
   // Entry test: a loop can run zero times.
-  const Value v = values::load_value(d->value, d->type);
-  Value past;
-  if (f.sign != 0 && values::binary_op(f.sign > 0 ? values::Op::Gt : values::Op::Lt, v, limit, &past) && past.i) {
+  if (f.sign == 0) return;
+  bool past;
+  const std::uint8_t vt = d->type;
+  if (values::is_integer_type(vt) && values::is_integer_type(limit.type)) {
+    Value v;
+    values::load_into(d->value, vt, &v);
+    past = f.sign > 0 ? v.i > limit.i : v.i < limit.i;
+  } else {
+    const Value v = values::load_value(d->value, vt);
+    Value r;
+    past = values::binary_op(f.sign > 0 ? values::Op::Gt : values::Op::Lt, v, limit, &r) && r.i;
+  }
+  if (past) {
     --for_sp;
     std::uint32_t line, token;
     if (!find_block_end(for_line, for_token + 1, KW_FOR, KW_NEXT, &line, &token)) {

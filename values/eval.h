@@ -35,9 +35,14 @@ struct LValue {
 // The scalar variable an identifier token names, found (or created) through
 // the token's cache: the fast path for FOR and NEXT.
 Descriptor* scalar_of_slow(const Token* t);
-inline Descriptor* scalar_of(const Token* t) {
-  if (t->cache[1].a && t->cache[1].b == table_generation() && (t->cache[0].a >> 32) == type_generation())
+// The descriptor the token's cache holds when it is still valid, else null.
+inline Descriptor* scalar_cached(const Token* t) {
+  if (t->cache[1].b == table_generation() && (t->cache[0].a >> 32) == type_generation())
     return reinterpret_cast<Descriptor*>(t->cache[1].a);
+  return nullptr;
+}
+inline Descriptor* scalar_of(const Token* t) {
+  if (Descriptor* d = scalar_cached(t)) return d;
   return scalar_of_slow(t);
 }
 // Store through the store rule (component writes raise the kind as needed).

@@ -12,6 +12,7 @@
 // becomes a node that runs the token walk's primary on its own tokens.
 #include <cstring>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #include "core/errors.h"
@@ -167,20 +168,84 @@ bool n_string(const Node* n, Value* v) {
 
 bool n_scalar(const Node* n, Value* v) { return scalar_load(n, v); }
 
-bool n_element(const Node* n, Value* v) {
+// A scalar read where the name gives the type (the usual case): one reader
+// per type, so the load is chosen when decoding, not by a dispatch on the
+// type that a shared reader mispredicts from one variable to the next.
+template <std::uint8_t T>
+bool n_scalar_typed(const Node* n, Value* v) {
+  const Descriptor* d = variable(n, false);
+  if (d && d->type == T) [[likely]] {
+    load_slot(d->value, T, v);
+    return true;
+  }
+  return scalar_load(n, v);
+}
+
+// The variant of a routine made for a type code (kNoType: for any type).
+template <typename Fn, typename Pick>
+Fn for_type(std::uint8_t type, Pick pick) {
+  switch (type) {
+    case kInteger: return pick(std::integral_constant<std::uint8_t, kInteger>{});
+    case kLong: return pick(std::integral_constant<std::uint8_t, kLong>{});
+    case kInt64: return pick(std::integral_constant<std::uint8_t, kInt64>{});
+    case kSingle: return pick(std::integral_constant<std::uint8_t, kSingle>{});
+    case kDouble: return pick(std::integral_constant<std::uint8_t, kDouble>{});
+    default: return pick(std::integral_constant<std::uint8_t, kNoType>{});
+  }
+}
+
+NodeFn scalar_reader(std::uint8_t type) {
+  return for_type<NodeFn>(type, [](auto t) -> NodeFn {
+    if constexpr (t() == kNoType) return n_scalar;
+    else return n_scalar_typed<t()>;
+  });
+}
+
+bool is_scalar_node(const Node* n) {
+  return n->fn == n_scalar || n->fn == n_scalar_typed<kInteger> || n->fn == n_scalar_typed<kLong> ||
+         n->fn == n_scalar_typed<kInt64> || n->fn == n_scalar_typed<kSingle> || n->fn == n_scalar_typed<kDouble>;
+}
+
+// The slot of an array element node (its errors raised); d is its array.
+[[gnu::always_inline]] inline void* element_slot(const Node* n, const Descriptor** d) {
   std::int64_t subs[kMaxDimensions + 1];
   for (int k = 0; k < n->nsubs; ++k) {
     Value s;
-    if (!n->subs[k]->fn(n->subs[k], &s)) return false;
+    if (!n->subs[k]->fn(n->subs[k], &s)) return nullptr;
     if (is_integer_type(s.type)) subs[k] = s.i;
-    else if (s.type == kString || s.type == kHyper) return detail::fail("Type mismatch");
-    else if (!value_to_int64(s, &subs[k])) return false;
+    else if (s.type == kString || s.type == kHyper) return detail::fail("Type mismatch"), nullptr;
+    else if (!value_to_int64(s, &subs[k])) return nullptr;
   }
-  const Descriptor* d = variable(n, true);
-  const void* slot = element_address(d, subs, n->nsubs);
+  *d = variable(n, true);
+  return element_address(*d, subs, n->nsubs);
+}
+
+// An element read, with the load for the type the array's name gives chosen
+// when decoding (kNoType: any type).
+template <std::uint8_t T>
+bool n_element_as(const Node* n, Value* v) {
+  const Descriptor* d;
+  const void* slot = element_slot(n, &d);
   if (!slot) return false;
+  if constexpr (T != kNoType) {
+    if (d->type == T) [[likely]] {
+      load_slot(slot, T, v);
+      return true;
+    }
+  }
   load_slot(slot, d->type, v);
   return true;
+}
+
+constexpr NodeFn n_element = n_element_as<kNoType>;
+
+NodeFn element_reader(std::uint8_t type) {
+  return for_type<NodeFn>(type, [](auto t) -> NodeFn { return n_element_as<t()>; });
+}
+
+bool is_element_node(const Node* n) {
+  return n->fn == n_element || n->fn == n_element_as<kInteger> || n->fn == n_element_as<kLong> ||
+         n->fn == n_element_as<kInt64> || n->fn == n_element_as<kSingle> || n->fn == n_element_as<kDouble>;
 }
 
 // A one-argument numeric function (SIN, LOG, SQR, ABS, INT, ...): its
@@ -236,7 +301,7 @@ bool n_binary(const Node* n, Value* v) {
 }
 
 Operand operand_kind(const Node* n) {
-  if (n->fn == n_scalar) return Operand::Scalar;
+  if (is_scalar_node(n)) return Operand::Scalar;
   if (n->fn == n_int || n->fn == n_float) return Operand::Literal;
   return Operand::Node;
 }
@@ -373,7 +438,7 @@ const Node* decode_primary(const Token*& t) {
       switch (detail::resolve(tok)) {
         case detail::kArray: {
           n = pool_new<Node>();
-          n->fn = n_element;
+          n->fn = element_reader(type_of_name(tok->name()));
           n->tok = tok;
           ++t;  // "("
           for (;;) {
@@ -390,7 +455,7 @@ const Node* decode_primary(const Token*& t) {
         }
         case detail::kScalar:
           n = pool_new<Node>();
-          n->fn = n_scalar;
+          n->fn = scalar_reader(type_of_name(tok->name()));
           n->tok = tok;
           break;
         case detail::kBuiltin:
@@ -483,13 +548,20 @@ void decode(const Token* start, const Token* end) {
 // "name = expression" and "name(subscripts) = expression", decoded on their
 // second execution and kept in the cache of the token after the name.
 
+struct Assign;
+using AssignFn = bool (*)(const Assign*);
+
 struct Assign {
-  const Node* target;  // a variable node: n_scalar or n_element
+  const Node* target;  // a variable node: a scalar or an element reader
   const Node* value;
   const Token* end;
+  AssignFn run;
+  bool element;  // the target is an array element
 };
 
 core::CacheSlot& assign_slot(const Token* name) { return const_cast<Token*>(name + 1)->cache[0]; }
+
+AssignFn assigner(const Node* target);
 
 void decode_assignment(const Token* name, const Token* end) {
   if (running == 0 && (drop_pending || pool_bytes > kPoolLimit)) drop_all();
@@ -498,7 +570,7 @@ void decode_assignment(const Token* name, const Token* end) {
   if (detail::resolve(name) == detail::kPseudo) return;
   const Token* t = name;
   const Node* target = decode_primary(t);
-  if (!target || (target->fn != n_scalar && target->fn != n_element) || t->kind != '=') return;
+  if (!target || (!is_scalar_node(target) && !is_element_node(target)) || t->kind != '=') return;
   ++t;
   const Node* value = decode_level(t, 1);
   if (!value || t != end) return;
@@ -506,17 +578,22 @@ void decode_assignment(const Token* name, const Token* end) {
   a->target = target;
   a->value = value;
   a->end = end;
+  a->run = assigner(target);
+  a->element = is_element_node(target);
   s = {reinterpret_cast<std::uint64_t>(a), epoch};
 }
 
-bool run_assignment(const Assign* a) {
+// T, when not kNoType, is the type the target's name gives: the store for it
+// is chosen when decoding, like the reads, instead of by a dispatch on the type.
+template <std::uint8_t T>
+bool run_assignment_as(const Assign* a) {
   const Node* n = a->target;
   void* slot;
   std::uint8_t type;
-  if (n->fn == n_scalar) {
+  if (!a->element) {
     // Assignment creates the variable, before the value is evaluated.
     Descriptor* d;
-    if (n->table_gen == table_generation() && n->type_gen == type_generation()) {
+    if (n->table_gen == table_generation() && n->type_gen == type_generation()) [[likely]] {
       d = n->desc;
     } else {
       d = detail::lookup(n->tok, false, true);
@@ -529,22 +606,23 @@ bool run_assignment(const Assign* a) {
     type = d->type;
   } else {
     // The element is addressed (and its errors raised) before the value is evaluated.
-    std::int64_t subs[kMaxDimensions + 1];
-    for (int k = 0; k < n->nsubs; ++k) {
-      Value v;
-      if (!n->subs[k]->fn(n->subs[k], &v)) return false;
-      if (is_integer_type(v.type)) subs[k] = v.i;
-      else if (v.type == kString || v.type == kHyper) return detail::fail("Type mismatch");
-      else if (!value_to_int64(v, &subs[k])) return false;
-    }
-    const Descriptor* d = variable(n, true);
-    slot = element_address(d, subs, n->nsubs);
+    const Descriptor* d;
+    slot = element_slot(n, &d);
     if (!slot) return false;
     type = d->type;
   }
   Value v;
   if (!a->value->fn(a->value, &v)) return false;
+  if constexpr (T != kNoType) {
+    if (type == T) [[likely]]
+      return store_same_type(slot, T, v) || store_value(slot, T, v);
+  }
   return store_same_type(slot, type, v) || store_value(slot, type, v);
+}
+
+AssignFn assigner(const Node* target) {
+  return for_type<AssignFn>(type_of_name(target->tok->name()),
+                            [](auto t) -> AssignFn { return run_assignment_as<t()>; });
 }
 
 }  // namespace
@@ -555,7 +633,7 @@ bool assign_statement(const Token*& t) {
   if (s.b == epoch && s.a > kNotDecodable) {
     const Assign* a = reinterpret_cast<const Assign*>(s.a);
     ++running;
-    const bool ok = run_assignment(a);
+    const bool ok = a->run(a);
     --running;
     t = a->end;
     return ok;
