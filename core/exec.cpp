@@ -611,6 +611,9 @@ bool push_native_for(const NativeFor& n) {
   f.for_line = n.for_line;
   f.for_token = n.for_token;
   f.serial = ++loop_serial;
+  // Compiled code hands its loops and GOSUBs over in the order they were
+  // opened, so the GOSUBs below this loop are already on the stack.
+  f.gosub_depth = gosub_sp;
   ++for_sp;
   return true;
 }
