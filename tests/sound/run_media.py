@@ -100,6 +100,25 @@ def flac_tests(d, flacdec):
                       (bits, "mono" if channels == 1 else "stereo", rate, len(ref)))
 
 
+def vlq(n):
+    """A MIDI variable-length number."""
+    b = [n & 0x7F]
+    n >>= 7
+    while n:
+        b.insert(0, (n & 0x7F) | 0x80)
+        n >>= 7
+    return bytes(b)
+
+
+def smf(events, fmt=0, division=96, tracks=None):
+    """A Standard MIDI File of (delta, event bytes) tracks."""
+    def trk(evs):
+        body = b"".join(vlq(dt) + e for dt, e in evs) + b"\x00\xff\x2f\x00"
+        return b"MTrk" + struct.pack(">I", len(body)) + body
+    ts = tracks if tracks is not None else [events]
+    return b"MThd" + struct.pack(">IHHH", 6, fmt, len(ts), division) + b"".join(trk(t) for t in ts)
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--exe", required=True)
@@ -156,21 +175,6 @@ def main():
     check(max(tail[-48:]) < peak_before * 0.25, "STOPWAV fades out at the end")
 
     # MIDI: notes one second apart land one second apart (within one 128-frame block).
-    def vlq(n):
-        b = [n & 0x7F]
-        n >>= 7
-        while n:
-            b.insert(0, (n & 0x7F) | 0x80)
-            n >>= 7
-        return bytes(b)
-
-    def smf(events, fmt=0, division=96, tracks=None):
-        def trk(evs):
-            body = b"".join(vlq(dt) + e for dt, e in evs) + b"\x00\xff\x2f\x00"
-            return b"MTrk" + struct.pack(">I", len(body)) + body
-        ts = tracks if tracks is not None else [events]
-        return b"MThd" + struct.pack(">IHHH", 6, fmt, len(ts), division) + b"".join(trk(t) for t in ts)
-
     song = smf([(0, b"\xc0\x00"), (0, b"\x90\x45\x7f"), (48, b"\x80\x45\x00"), (144, b"\x90\x45\x7f"),
                 (48, b"\x80\x45\x00")])
     with open(os.path.join(d, "two.mid"), "wb") as f:
