@@ -42,7 +42,7 @@ apt=(apt-get -q -o "Dir::Etc::SourceList=$work/apt/sources.list" -o "Dir::Etc::S
 [ "$(id -u)" -eq 0 ] && apt+=(-o APT::Sandbox::User=root)
 
 echo "Fetching the libogg, opus and opusfile sources of Debian 12 for the Windows build"
-"${apt[@]}" update >"$work/apt.log" 2>&1 ||
+"${apt[@]}" --error-on=any update >"$work/apt.log" 2>&1 ||
   { cat "$work/apt.log" >&2; fail "could not read the Debian 12 source index from deb.debian.org"; }
 (cd "$work/src" && "${apt[@]}" source --download-only libogg opus opusfile) >>"$work/apt.log" 2>&1 ||
   { cat "$work/apt.log" >&2; fail "could not download the libogg, opus and opusfile source packages"; }
