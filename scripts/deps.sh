@@ -10,7 +10,8 @@ case "${1:-run}" in
               libgtest-dev xvfb xauth x11-apps x11-utils xdotool clang libclang-rt-14-dev tmux
               sox flac opus-tools) ;;
   windows) want=(cmake ninja-build python3 g++-mingw-w64-x86-64-posix wine wine64
-                 xvfb x11-utils x11-apps xdotool) ;;
+                 xvfb x11-utils x11-apps xdotool make file pkg-config dpkg-dev debian-archive-keyring
+                 sox flac opus-tools) ;;
   *) echo "usage: scripts/deps.sh run|test|windows" >&2; exit 2 ;;
 esac
 missing=()

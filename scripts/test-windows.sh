@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Cross-build the Windows x64 executables (tambril.exe, tambril-con.exe) with
-# mingw-w64 in build-win/ and run their tests under Wine: every BASIC
-# transcript headless, the console checks, executables written by CREATEEXE
-# run on their own, and the real window on a virtual X
-# server. Installs the Debian 12 packages it needs when they are missing.
+# mingw-w64 in build-win/, with the Opus libraries of scripts/win-deps.sh, and
+# run their tests under Wine: every BASIC transcript headless, the console
+# checks, the media tests, executables written by CREATEEXE run on their own,
+# and the real window on a virtual X server. Installs the Debian 12 packages
+# it needs when they are missing.
 # JOBS=n limits the parallel build and test jobs (default: all processors).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -11,6 +12,8 @@ cd "$(dirname "$0")/.."
 scripts/deps.sh windows
 
 jobs=${JOBS:-$(nproc)}
+# libogg, libopus and libopusfile for mingw-w64, built once from Debian's sources.
+JOBS=$jobs scripts/win-deps.sh build-win/deps
 cmake -S . -B build-win -G Ninja -DCMAKE_BUILD_TYPE=Release \
       -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64.cmake" >/dev/null
 cmake --build build-win -j "$jobs"

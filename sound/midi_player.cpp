@@ -1,7 +1,8 @@
 // The MIDI player: the song's events applied at their frames (a render block
 // is split at each event, so a note starts on its own frame), the 16 parts'
-// programs, drum kits, controllers, RPNs and pedals, the release tails after
-// the score, looping, and the effect sends with their meters.
+// programs, drum kits, controllers, RPNs, GS NRPNs, pressure, portamento and
+// pedals, each part's tremolo and phaser, the release tails after the score,
+// looping, and the effect sends with their meters.
 #include "sound/midi_player.h"
 
 #include <cmath>
@@ -11,6 +12,7 @@
 #include "sound/midi_file.h"
 #include "sound/midi_fx.h"
 #include "sound/voice.h"
+#include "values/mathlib.h"
 
 namespace sound {
 
@@ -34,6 +36,22 @@ struct Part {
   std::uint8_t file_send[3] = {};
   bool sostenuto_note[128] = {};
   std::uint32_t note_ons = 0;
+  int pressure = 0;          // channel pressure
+  bool breath_used = false;  // the breath controller sets the level once it has been sent
+  int last_note = -1;        // where portamento glides from
+  int glide_from = -1;       // CC84: the next note glides from this note
+  int velocity_lsb = -1;     // CC88: the next note's velocity fraction
+  // GS drum NRPNs per key: pitch in semitones, level, pan (0 leaves the kit's).
+  std::int8_t drum_pitch[128] = {};
+  std::uint8_t drum_level[128] = {}, drum_pan[128] = {};
+};
+
+// Each part's own tremolo and phaser, after its voices are summed.
+struct PartFx {
+  double tremolo_phase = 0, phaser_phase = 0;
+  double coef = 0;
+  int countdown = 0;
+  double ap_in[2][4] = {}, ap_out[2][4] = {};
 };
 
 struct Player {
@@ -56,6 +74,7 @@ Channel channels[kMidiParts];
 Voice voices[kVoices];
 VoiceSet set{channels, voices, kVoices, 0};
 Part parts[kMidiParts];
+PartFx part_fx[kMidiParts];
 bool ready = false;
 
 Reverb* reverb = nullptr;
@@ -76,11 +95,22 @@ void side_gains(int v, double* l, double* r) {
   *r = *r < 0 ? 0 : *r > 1 ? 1 : *r;
 }
 
+// A controller with its fine part (the LSB controller) as 0..1.
+double fine_value(const Part& pt, int msb) {
+  const double v = (pt.cc[msb] + pt.cc[msb + 32] / 128.0) / 127.0;
+  return v > 1 ? 1 : v;
+}
+
 void update_part(int p) {
   Part& pt = parts[p];
   Channel& ch = channels[p];
   const double vol = pt.cc[7] / 127.0, expr = pt.cc[11] / 127.0;
-  ch.part_gain = vol * vol * expr * expr * (pt.cc[67] >= 64 ? 0.7 : 1.0);
+  double gain = vol * vol * expr * expr * (pt.cc[67] >= 64 ? 0.7 : 1.0);
+  if (pt.breath_used) {
+    const double b = fine_value(pt, 2);
+    gain *= b * b;
+  }
+  ch.part_gain = gain;
   double pl_, pr_, bl, br;
   side_gains(pt.cc[10] * 128 + pt.cc[42], &pl_, &pr_);
   side_gains(pt.cc[8] * 128 + pt.cc[40], &bl, &br);
@@ -88,7 +118,11 @@ void update_part(int p) {
   ch.side_r = pr_ * br;
   ch.part_cents = (pt.bend - 8192) / 8192.0 * pt.bend_range * 100 + pt.fine_cents + pt.coarse * 100;
   const int vd = pt.cc[77] > 64 ? pt.cc[77] - 64 : 0;
-  ch.control[kVibrato] = pt.cc[1] / 127.0 * 0.5 + vd / 63.0 * 0.5;
+  // Modulation, the foot controller, channel pressure and the depth
+  // controller each add up to half a semitone.
+  ch.control[kVibrato] = (pt.cc[1] / 127.0 + fine_value(pt, 4) + pt.pressure / 127.0 + vd / 63.0) * 0.5;
+  ch.vibrato_delay = pt.cc[78] > 64 ? (pt.cc[78] - 64) / 63.0 * 2 : 0;
+  ch.decay_scale = std::exp2((pt.cc[75] - 64) / 16.0);
   ch.control[kVibrate] = 5.5 * std::exp2((pt.cc[76] - 64) / 32.0);
   ch.control[kTimbre] = pt.cc[71] > 64 ? (pt.cc[71] - 64) / 63.0 * 0.5 : 0;
   ch.control[kRelease] = pt.cc[72] == 64 ? 0 : 0.45 * std::exp2((pt.cc[72] - 64) / 16.0);
@@ -104,9 +138,15 @@ void reset_controllers(int p) {
   pt.cc[1] = pt.cc[2] = pt.cc[4] = 0;
   pt.cc[11] = 127;
   for (int c : {64, 65, 66, 67, 68, 69}) pt.cc[c] = 0;
+  pt.cc[33] = pt.cc[34] = pt.cc[36] = 0;
   pt.bend = 8192;
   pt.rpn = kNullRpn;
   pt.nrpn = false;
+  pt.pressure = 0;
+  pt.breath_used = false;
+  pt.glide_from = pt.velocity_lsb = -1;
+  for (Voice& v : voices)
+    if (v.active && v.channel == p) v.key_vibrato = 0;
 }
 
 void reset_part(int p) {
@@ -122,6 +162,7 @@ void reset_part(int p) {
   pt.cc[91] = 40;  // the GM default reverb send
   for (int c : {71, 72, 73, 74, 75, 76, 77, 78}) pt.cc[c] = 64;
   pt.file_send[kReverb] = 40;
+  std::memset(pt.drum_level, 127, sizeof pt.drum_level);
   pt.drum = p == 9;
   channels[p].reset();
   update_part(p);
@@ -178,10 +219,38 @@ void silence_part(int p, bool fast) {
   }
 }
 
+// The GS NRPNs: the sound controllers of MSB 1 and the drum keys' pitch,
+// level and pan. Others are counted as ignored.
+void nrpn_entry(int p) {
+  Part& pt = parts[p];
+  const int msb = pt.cc[99], lsb = pt.cc[98];
+  const std::uint8_t v = pt.cc[6];
+  if (msb == 1) {
+    static constexpr std::uint8_t kSoundControls[][2] = {{0x08, 76}, {0x09, 77}, {0x0A, 78}, {0x20, 74},
+                                                         {0x21, 71}, {0x63, 73}, {0x64, 75}, {0x66, 72}};
+    for (const auto& s : kSoundControls)
+      if (s[0] == lsb) {
+        pt.cc[s[1]] = v;
+        update_part(p);
+        return;
+      }
+  } else if (msb == 0x18) {
+    pt.drum_pitch[lsb] = static_cast<std::int8_t>(v - 64);
+    return;
+  } else if (msb == 0x1A) {
+    pt.drum_level[lsb] = v;
+    return;
+  } else if (msb == 0x1C) {
+    pt.drum_pan[lsb] = v;
+    return;
+  }
+  ++pl.ignored;
+}
+
 void data_entry(int p, int msb_delta, int lsb, bool set_msb, int msb) {
   Part& pt = parts[p];
-  if (pt.nrpn || pt.rpn == kNullRpn) {
-    ++pl.ignored;  // NRPNs are accepted and have no parameters here
+  if (!pt.nrpn && pt.rpn == kNullRpn) {
+    ++pl.ignored;
     return;
   }
   if (set_msb) pt.cc[6] = static_cast<std::uint8_t>(msb);
@@ -189,6 +258,7 @@ void data_entry(int p, int msb_delta, int lsb, bool set_msb, int msb) {
   int m = pt.cc[6] + msb_delta;
   m = m < 0 ? 0 : m > 127 ? 127 : m;
   pt.cc[6] = static_cast<std::uint8_t>(m);
+  if (pt.nrpn) return nrpn_entry(p);
   switch (pt.rpn) {
     case 0:  // pitch bend range: semitones and cents
       pt.bend_range = pt.cc[6] + pt.cc[38] / 100.0;
@@ -216,6 +286,9 @@ void control(int p, int cc, int v) {
     case 96: data_entry(p, 1, -1, false, 0); return;
     case 97: data_entry(p, -1, -1, false, 0); return;
     case 98: case 99: pt.nrpn = true; return;
+    case 2: case 34: pt.breath_used = true; break;
+    case 84: pt.glide_from = v; return;
+    case 88: pt.velocity_lsb = v; return;
     case 100: case 101:
       pt.nrpn = false;
       pt.rpn = pt.cc[101] * 128 + pt.cc[100];
@@ -259,16 +332,46 @@ void program_change(int p, int prog) {
   update_part(p);
 }
 
+// Portamento time: none at 0, else 10 ms x 400^(v / 127) (about 0.2 s at
+// 64, 4 s at 127) for the whole glide, whatever its interval.
+double glide_seconds(const Part& pt) {
+  const double v = pt.cc[5] + pt.cc[37] / 128.0;
+  return v <= 0 ? 0 : 0.01 * values::exp_raw(5.991464547107982 * v / 127);
+}
+
+void note_on(int p, int note, int velocity) {
+  Part& pt = parts[p];
+  ++pt.note_ons;
+  if (pt.cc[66] >= 64) pt.sostenuto_note[note] = false;
+  double bend = 0, level = 1, pan = 0;
+  if (pt.drum) {
+    bend = pt.drum_pitch[note] * 100.0;
+    level = pt.drum_level[note] / 127.0;
+    level *= level;
+    pan = pt.drum_pan[note] ? (pt.drum_pan[note] - 64) / 64.0 : 0;
+  }
+  const std::uint64_t before = set.clock;
+  if (strike(set, p, note, velocity, kNoKey, bend, level, pan, 1) == 0) ++pl.missed;
+  int from = pt.glide_from;
+  if (from < 0 && pt.cc[65] >= 64) from = pt.last_note;
+  const double t = pt.drum || from == note ? 0 : glide_seconds(pt);
+  const double fine = pt.velocity_lsb > 0 ? (velocity + pt.velocity_lsb / 128.0) / velocity : 1;
+  for (Voice& v : voices) {
+    if (!v.active || v.started <= before) continue;
+    if (from >= 0 && t > 0) {
+      v.glide_cents = (from - note) * 100.0;
+      v.glide_rate = (from > note ? from - note : note - from) * 100.0 / (t * kRate);
+    }
+    v.gain *= fine * fine;
+  }
+  pt.glide_from = pt.velocity_lsb = -1;
+  pt.last_note = note;
+}
+
 void apply_event(const MidiEvent& e) {
   const int p = e.channel & 15;
   switch (e.kind) {
-    case kEvNoteOn: {
-      Part& pt = parts[p];
-      ++pt.note_ons;
-      if (pt.cc[66] >= 64) pt.sostenuto_note[e.d1] = false;
-      if (strike(set, p, e.d1, e.d2, kNoKey, 0, 1, 0, 1) == 0) ++pl.missed;
-      break;
-    }
+    case kEvNoteOn: note_on(p, e.d1, e.d2); break;
     case kEvNoteOff: note_off(p, e.d1); break;
     case kEvControl: control(p, e.d1, e.d2); break;
     case kEvProgram: program_change(p, e.d1); break;
@@ -276,8 +379,14 @@ void apply_event(const MidiEvent& e) {
       parts[p].bend = e.d2 * 128 + e.d1;
       update_part(p);
       break;
-    case kEvPolyPressure:
-    case kEvChannelPressure: ++pl.ignored; break;
+    case kEvPolyPressure:  // the key's own vibrato, up to half a semitone
+      for (Voice& v : voices)
+        if (v.active && v.channel == p && v.note == e.d1 && !v.released) v.key_vibrato = e.d2 / 127.0 * 0.5;
+      break;
+    case kEvChannelPressure:
+      parts[p].pressure = e.d1;
+      update_part(p);
+      break;
     case kEvGmOn:
     case kEvGsReset:
       for (int i = 0; i < kMidiParts; ++i) silence_part(i, true);
@@ -343,6 +452,62 @@ double send_level(int p, int fx) {
 
 double return_gain(int fx) { return pl.fx_mode == 0 ? pl.return_level[fx] / 64.0 : 1.0; }
 
+constexpr double kPhaserRate = 0.4;  // Hz
+
+void advance_lfos(int p, unsigned frames) {
+  PartFx& fx = part_fx[p];
+  fx.tremolo_phase += channels[p].control[kVibrate] / kRate * frames;
+  fx.phaser_phase += kPhaserRate / kRate * frames;
+  fx.tremolo_phase -= static_cast<double>(static_cast<std::int64_t>(fx.tremolo_phase));
+  fx.phaser_phase -= static_cast<double>(static_cast<std::int64_t>(fx.phaser_phase));
+}
+
+// Tremolo (CC92) dips the part's level at its vibrato rate, down to half at
+// full depth. The phaser (CC95) adds four first-order all-pass stages whose
+// turnover sweeps 200..2,000 Hz at 0.4 Hz: the notches where the stages
+// reach 180 degrees move through the spectrum; the mix keeps unity gain
+// between them and reaches zero in them at full depth.
+void part_effects(int p, double* buf, unsigned run) {
+  const Part& pt = parts[p];
+  PartFx& fx = part_fx[p];
+  const double tremolo = pt.cc[92] / 127.0 * 0.25, depth = pt.cc[95] / 127.0;
+  if (tremolo <= 0 && depth <= 0) return advance_lfos(p, run);
+  const double tremolo_inc = channels[p].control[kVibrate] / kRate;
+  for (unsigned i = 0; i < run; ++i) {
+    if (depth > 0) {
+      if (fx.countdown <= 0) {
+        fx.countdown = 16;
+        constexpr double kLn10 = 2.30258509299404568402, kPi = 3.14159265358979323846;
+        const double fc = 200 * values::exp_raw(kLn10 * (0.5 + 0.5 * sine(fx.phaser_phase)));
+        const double t = kPi * fc / kRate;  // below 0.14: three terms of tan suffice
+        const double w = t + t * t * t / 3 + 2 * t * t * t * t * t / 15;
+        fx.coef = (w - 1) / (w + 1);
+      }
+      --fx.countdown;
+      for (int side = 0; side < 2; ++side) {
+        const double dry = buf[2 * i + side];
+        double x = dry;
+        for (int k = 0; k < 4; ++k) {
+          const double y = fx.coef * x + fx.ap_in[side][k] - fx.coef * fx.ap_out[side][k];
+          fx.ap_in[side][k] = x;
+          fx.ap_out[side][k] = y;
+          x = y;
+        }
+        buf[2 * i + side] = (dry + depth * x) / (1 + depth);
+      }
+    }
+    if (tremolo > 0) {
+      const double g = 1 - tremolo * (1 - sine(fx.tremolo_phase));
+      buf[2 * i] *= g;
+      buf[2 * i + 1] *= g;
+    }
+    fx.tremolo_phase += tremolo_inc;
+    if (fx.tremolo_phase >= 1) fx.tremolo_phase -= 1;
+    fx.phaser_phase += kPhaserRate / kRate;
+    if (fx.phaser_phase >= 1) fx.phaser_phase -= 1;
+  }
+}
+
 // Render the voices for `run` frames at `at` into the block and the sends.
 void render_run(double* block, unsigned at, unsigned run) {
   bool used[kMidiParts] = {};
@@ -355,7 +520,11 @@ void render_run(double* block, unsigned at, unsigned run) {
     render_voice(set, v, part_buf[v.channel], run);
   }
   for (int p = 0; p < kMidiParts; ++p) {
-    if (!used[p]) continue;
+    if (!used[p]) {
+      advance_lfos(p, run);
+      continue;
+    }
+    part_effects(p, part_buf[p], run);
     const double* src = part_buf[p];
     double* dst = block + 2 * at;
     for (unsigned i = 0; i < 2 * run; ++i) dst[i] += src[i] * pl.master;
@@ -407,6 +576,7 @@ void midi_apply(const Command& c) {
       stop_playback(true);
       reset_all_parts();
       for (Part& pt : parts) pt.note_ons = 0;
+      for (PartFx& fx : part_fx) fx = PartFx{};
       pl.song = get_pointer<const Song>(c);
       pl.slot = static_cast<int>(c.key);
       pl.loop = c.note != 0;

@@ -131,7 +131,8 @@ int strike(VoiceSet& set, int channel, int note, int velocity, std::uint32_t key
     if (ch.control[kAttack] > attack) attack = ch.control[kAttack];
     v.attack_inc = attack > 0.0005 ? 1.0 / (attack * kRate) : 1.0;
     v.sustain = z.sustain;
-    v.decay_mul = z.decay > 0 ? values::exp_raw(-kLn1000 / (z.decay * kRate)) : 1;
+    const double decay = z.decay * ch.decay_scale;
+    v.decay_mul = decay > 0 ? values::exp_raw(-kLn1000 / (decay * kRate)) : 1;
     v.release_time = z.release;
     v.exclusive = z.exclusive;
   }
@@ -190,7 +191,8 @@ void render_voice(const VoiceSet& set, Voice& v, double* block, unsigned n) {
   if (v.key != kNoKey && v.key_brightness < bright) bright = v.key_brightness;
   const bool dull = bright < 1;
   const double bright_c = bright <= 0 ? 0.02 : 0.02 + 0.98 * bright;
-  const double depth = ch.control[kVibrato];
+  const double depth = ch.control[kVibrato] + v.key_vibrato;
+  const double vib_delay = ch.vibrato_delay * kRate;
   const double vib_inc = ch.control[kVibrate] / kRate;
   const double bend = v.bend_cents + ch.control[kDetune] + ch.part_cents;
   const std::int64_t limit = v.loop ? v.loop_end : v.end;
@@ -198,8 +200,17 @@ void render_voice(const VoiceSet& set, Voice& v, double* block, unsigned n) {
   while (i < n) {
     if (v.countdown <= 0) {
       v.countdown = 16;
-      const double cents = v.base_cents + sine(v.vib_phase) * depth * 100 + bend;
+      // A vibrato delay holds the vibrato back, then fades it in over 100 ms.
+      double vib = depth;
+      if (vib_delay > 0 && v.age < vib_delay + 4800) vib *= v.age < vib_delay ? 0 : (v.age - vib_delay) / 4800;
+      const double cents = v.base_cents + sine(v.vib_phase) * vib * 100 + bend + v.glide_cents;
       const double step = v.rexp(cents * kLn2 / 1200) * v.src_ratio;
+      if (v.glide_cents != 0) {
+        // Portamento: the offset shrinks linearly to the note's own pitch.
+        const double left = v.glide_cents < 0 ? -v.glide_cents : v.glide_cents;
+        const double move = v.glide_rate * 16;
+        v.glide_cents = move >= left ? 0 : v.glide_cents < 0 ? v.glide_cents + move : v.glide_cents - move;
+      }
       v.step = step < 0.01 ? 0.01 : step > 32 ? 32 : step;
       if (sweep > 0) v.sweep_g = 0.45 + 0.3 * sine(v.age / kRate * 0.35);
     }

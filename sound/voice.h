@@ -30,6 +30,8 @@ struct Channel {
   double part_gain = 1;           // volume, expression and the soft pedal
   double side_l = 1, side_r = 1;  // the 14-bit pan law and balance
   double part_cents = 0;          // pitch bend and tuning
+  double vibrato_delay = 0;       // seconds before a voice's vibrato fades in
+  double decay_scale = 1;         // stretches the zones' decay times
   void reset() {
     *this = Channel{};
     control[kVolume] = 1;
@@ -52,6 +54,8 @@ struct Voice {
   std::int64_t end = 0, loop_start = 0, loop_end = 0;
   double pos = 0, step = 1, src_ratio = 1;
   double base_cents = 0, bend_cents = 0;
+  double glide_cents = 0, glide_rate = 0;  // portamento: offset left, cents per sample
+  double key_vibrato = 0;                  // extra vibrato depth in semitones (key pressure)
   double vib_phase = 0;
   int countdown = 0;
   double gain = 1;          // velocity and the zone's attenuation

@@ -684,9 +684,12 @@ const HelpEntry kHelpEntries[] = {
      "Send a controller to MIDI part 0..15, or once to every part with -1; value 0..127. The controllers are "
      "0-2, 4-8, 10, 11, 32-34, 36-40, 42, 43, 64-69, 71-78, 84, 88, 91-101, 120, 121 and 123-127 (\"Unsupported "
      "MIDI controller\" for others): volume 7 and expression 11, pan 10 and balance 8 (with their fine "
-     "parts), modulation 1 and vibrato 76-78, sustain 64, sostenuto 66, soft 67, hold 69, resonance 71, "
-     "release 72, attack 73, brightness 74, the reverb, chorus and delay sends 91, 93 and 94, RPNs (bend "
-     "range, fine and coarse tuning) through 6, 38, 96-101, and the channel mode messages. Later events of "
+     "parts), modulation 1, foot 4 and vibrato 76-78 (rate, depth, delay), breath 2 (a level once sent), "
+     "portamento 5, 65 and 84 (the glide time, on/off, the next note's source), sustain 64, sostenuto 66, "
+     "soft 67, hold 69, resonance 71, release 72, attack 73, brightness 74, decay 75, high-resolution "
+     "velocity 88, tremolo 92, phaser 95, the reverb, chorus and delay sends 91, 93 and 94, RPNs (bend "
+     "range, fine and coarse tuning) and GS NRPNs (sound controllers, drum key pitch, level and pan) "
+     "through 6, 38, 96-101, and the channel mode messages; legato 68 changes nothing. Later events of "
      "the song may set the controller again.",
      nullptr},
     {"MIDCCINFO", "MIDI", "MIDCCINFO",

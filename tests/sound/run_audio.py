@@ -8,11 +8,12 @@ device, and measures the WAV files: the fundamental of NOTE 0,69, the 60 dB
 release time, the pan law, SOUNDCTL VOLUME, PCM24 output, and the SOUND INFO
 report of a loaded bank.
 
-usage: run_audio.py --exe build/tambril --conv build/tambril_bankconv
+usage: run_audio.py --exe build/tambril --conv build/tambril_bankconv [--runner wine]
 """
 import argparse
 import math
 import os
+import shlex
 import struct
 import subprocess
 import sys
@@ -20,6 +21,12 @@ import tempfile
 
 RATE = 44000          # 100 frames a period at 440 Hz
 RELEASE = 0.5         # seconds, the zone's release time
+RUNNER = []           # the command that runs our executables (wine for the Windows build)
+
+
+def ours(exe, *args):
+    """The command line that runs one of our executables."""
+    return [*RUNNER, exe, *args]
 
 
 def chunk(tag, body):
@@ -100,7 +107,7 @@ def run(exe, bank, wav, program, extra=(), code=0):
     src = os.path.join(d, "prog.bas")
     with open(src, "w") as f:
         f.write(program)
-    r = subprocess.run([exe, "--headless", "--batch", "--audio-out", wav, *extra, src], env=env,
+    r = subprocess.run(ours(exe, "--headless", "--batch", "--audio-out", wav, *extra, src), env=env,
                        capture_output=True, text=True, timeout=60)
     if r.returncode != code:
         raise AssertionError("program failed: %s %s" % (r.stdout, r.stderr))
@@ -120,14 +127,16 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--exe", required=True)
     ap.add_argument("--conv", required=True)
+    ap.add_argument("--runner", default="")
     a = ap.parse_args()
+    RUNNER[:] = shlex.split(a.runner)
     d = tempfile.mkdtemp(prefix="tambril_audio_")
     sf2 = os.path.join(d, "test.sf2")
     make_sf2(sf2)
     banks = {}
     for form in ("raw", "lossless", "opus"):
         banks[form] = os.path.join(d, form + ".qzgm")
-        subprocess.run([a.conv, "--form", form, sf2, banks[form]], check=True, capture_output=True)
+        subprocess.run(ours(a.conv, "--form", form, sf2, banks[form]), check=True, capture_output=True)
     wav = os.path.join(d, "out.wav")
 
     # Pitch: the converter's zone plays its sample's own pitch in every form.

@@ -13,10 +13,12 @@
   chained Opus links with different channel counts, missing files, ...).
 
 usage: run_media.py --exe build/tambril --flacdec build/tambril_flacdec --conv build/tambril_bankconv
+                    [--runner wine]
 """
 import argparse
 import math
 import os
+import shlex
 import shutil
 import struct
 import subprocess
@@ -24,7 +26,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from run_audio import make_sf2, read_wav, rms, onset, frequency  # noqa: E402
+from run_audio import RUNNER, ours, make_sf2, read_wav, rms, onset, frequency  # noqa: E402
 
 failures = []
 
@@ -42,7 +44,7 @@ def run(exe, d, program, bank=None, audio=True, code=0):
     src = os.path.join(d, "prog.bas")
     with open(src, "w") as f:
         f.write(program)
-    cmd = [exe, "--headless", "--batch"]
+    cmd = ours(exe, "--headless", "--batch")
     if audio:
         cmd += ["--audio-out", os.path.join(d, "out.wav")]
     r = subprocess.run(cmd + [src], env=env, capture_output=True, text=True, timeout=120, cwd=d)
@@ -86,16 +88,35 @@ def flac_tests(d, flacdec):
                                capture_output=True)
                 subprocess.run(["flac", "-s", "-f", "-d", name + ".flac", "-o", name + ".ref.wav"], check=True,
                                capture_output=True)
-                r = subprocess.run([flacdec, name + ".flac", name + ".raw"], capture_output=True, text=True)
+                r = subprocess.run(ours(flacdec, name + ".flac", name + ".raw"), capture_output=True, text=True)
                 ref = wav_ints(name + ".ref.wav")
-                ours = []
+                decoded = []
                 if r.returncode == 0:
                     with open(name + ".raw", "rb") as f:
                         raw = f.read()
-                    ours = list(struct.unpack("<%di" % (len(raw) // 4), raw))
-                check(r.returncode == 0 and r.stdout.split() == [str(rate), str(channels), str(bits)] and ours == ref,
+                    decoded = list(struct.unpack("<%di" % (len(raw) // 4), raw))
+                check(r.returncode == 0 and r.stdout.split() == [str(rate), str(channels), str(bits)] and decoded == ref,
                       "FLAC %d-bit %s %d Hz decodes exactly as flac -d (%d samples)" %
                       (bits, "mono" if channels == 1 else "stereo", rate, len(ref)))
+
+
+def vlq(n):
+    """A MIDI variable-length number."""
+    b = [n & 0x7F]
+    n >>= 7
+    while n:
+        b.insert(0, (n & 0x7F) | 0x80)
+        n >>= 7
+    return bytes(b)
+
+
+def smf(events, fmt=0, division=96, tracks=None):
+    """A Standard MIDI File of (delta, event bytes) tracks."""
+    def trk(evs):
+        body = b"".join(vlq(dt) + e for dt, e in evs) + b"\x00\xff\x2f\x00"
+        return b"MTrk" + struct.pack(">I", len(body)) + body
+    ts = tracks if tracks is not None else [events]
+    return b"MThd" + struct.pack(">IHHH", 6, fmt, len(ts), division) + b"".join(trk(t) for t in ts)
 
 
 def main():
@@ -103,7 +124,9 @@ def main():
     ap.add_argument("--exe", required=True)
     ap.add_argument("--flacdec", required=True)
     ap.add_argument("--conv", required=True)
+    ap.add_argument("--runner", default="")
     a = ap.parse_args()
+    RUNNER[:] = shlex.split(a.runner)
     a.exe, a.flacdec, a.conv = (os.path.abspath(x) for x in (a.exe, a.flacdec, a.conv))
     for tool in ("sox", "flac", "opusenc"):
         if not shutil.which(tool):
@@ -113,7 +136,7 @@ def main():
     sf2 = os.path.join(d, "test.sf2")
     make_sf2(sf2)
     bank = os.path.join(d, "bank.qzgm")
-    subprocess.run([a.conv, "--form", "raw", sf2, bank], check=True, capture_output=True)
+    subprocess.run(ours(a.conv, "--form", "raw", sf2, bank), check=True, capture_output=True)
 
     flac_tests(d, a.flacdec)
 
@@ -152,21 +175,6 @@ def main():
     check(max(tail[-48:]) < peak_before * 0.25, "STOPWAV fades out at the end")
 
     # MIDI: notes one second apart land one second apart (within one 128-frame block).
-    def vlq(n):
-        b = [n & 0x7F]
-        n >>= 7
-        while n:
-            b.insert(0, (n & 0x7F) | 0x80)
-            n >>= 7
-        return bytes(b)
-
-    def smf(events, fmt=0, division=96, tracks=None):
-        def trk(evs):
-            body = b"".join(vlq(dt) + e for dt, e in evs) + b"\x00\xff\x2f\x00"
-            return b"MTrk" + struct.pack(">I", len(body)) + body
-        ts = tracks if tracks is not None else [events]
-        return b"MThd" + struct.pack(">IHHH", 6, fmt, len(ts), division) + b"".join(trk(t) for t in ts)
-
     song = smf([(0, b"\xc0\x00"), (0, b"\x90\x45\x7f"), (48, b"\x80\x45\x00"), (144, b"\x90\x45\x7f"),
                 (48, b"\x80\x45\x00")])
     with open(os.path.join(d, "two.mid"), "wb") as f:
