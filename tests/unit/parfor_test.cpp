@@ -132,11 +132,11 @@ TEST_F(Parfor, DrawingWorkersCallingSubroutinesFillTheirOwnRows) {
       "50 NEXT Y\n"
       "60 NEXT R\n"
       "70 BAD = 0: FOR Y = 0 TO 767 STEP 7: FOR X = 0 TO 1023 STEP 31\n"
-      "80 IF POINT(X, Y) <> (X + Y * 3 + 10) MOD 256 + 16 THEN BAD = BAD + 1\n"
+      "80 IF POINT(X, Y) <> ((X + Y * 3 + 10) MOD 256) * 65536 + 16 THEN BAD = BAD + 1\n"
       "90 NEXT X, Y: PRINT \"bad\"; BAD\n"
       "100 END\n"
       "200 LINE (0, Y)-(1023, Y), 0, 0, 0\n"
-      "210 FOR X = 0 TO 1023: PSET (X, Y), (X + Y * 3 + R) MOD 256 + 16: NEXT X\n"
+      "210 FOR X = 0 TO 1023: PSET (X, Y), ((X + Y * 3 + R) MOD 256) * 65536 + 16: NEXT X\n"
       "220 RETURN\n");
   EXPECT_NE(out.find("bad 0"), std::string::npos) << out;
 }
