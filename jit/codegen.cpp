@@ -15,7 +15,9 @@
 // helper call clobbers is reloaded after it.
 #include <cstddef>
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <functional>
 #include <map>
 
@@ -29,6 +31,7 @@ namespace jit {
 
 namespace {
 
+constexpr double kUnbounded = std::numeric_limits<double>::infinity();
 constexpr Reg GPR_SLOT[8] = {RSI, RDI, R8, R9, R10, R11, R14, RBP};
 constexpr Xmm XMM_SLOT[8] = {X2, X3, X4, X5, X6, X7, X8, X9};
 #ifdef _WIN32
@@ -47,6 +50,10 @@ constexpr std::int32_t kDescValue = static_cast<std::int32_t>(offsetof(values::D
 
 std::uint32_t for_key(int slot) { return kMirrorFor << 16 | static_cast<std::uint32_t>(slot); }
 std::uint32_t while_key(int w) { return kMirrorWhile << 16 | static_cast<std::uint32_t>(w); }
+
+std::int32_t for_field(int slot, std::size_t field) {
+  return F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot)) + static_cast<std::int32_t>(field);
+}
 
 Cond invert(Cond c) { return static_cast<Cond>(c ^ 1); }
 
@@ -73,9 +80,45 @@ class Gen {
   const RegionCode& rc_;
   const int* depth_;
   std::vector<ValType> st_;   // static type per stack depth
+  // A bound on the magnitude of each slot's value (infinity: none known).
+  // Floating arithmetic whose result provably stays below the SINGLE range
+  // skips its overflow test.
+  std::vector<double> bd_;
+  // Slots holding an integer known at compile time (literals, and the
+  // counter of an unrolled loop).
+  std::vector<bool> kk_;
+  std::vector<std::int64_t> kv_;
+  const values::Descriptor* unrolled_var_ = nullptr;  // the counter of the pass being laid out
+  std::int64_t unrolled_value_ = 0;
+  // Literal operands of floating arithmetic are read from a pool behind the
+  // code instead of being built in a register: (bits, is SINGLE) -> label.
+  std::map<std::pair<std::uint64_t, bool>, int> pool_;
+  std::vector<bool> pooled_;  // per slot: a literal left in the pool
+  // Per slot: an element address known as block register + displacement
+  // (a constant subscript of a register-held array); RSP when none.
+  std::vector<Reg> ab_;
+  std::vector<std::int32_t> ad_;
+  std::vector<bool> elide_;  // per instruction: a FOR literal the FOR itself writes
+  int pool_label(double v, bool single) {
+    std::uint64_t bits = 0;
+    if (single) {
+      const float f = static_cast<float>(v);
+      std::uint32_t b;
+      std::memcpy(&b, &f, 4);
+      bits = b;
+    } else {
+      std::memcpy(&bits, &v, 8);
+    }
+    auto it = pool_.find({bits, single});
+    if (it != pool_.end()) return it->second;
+    const int l = a.new_label();
+    pool_[{bits, single}] = l;
+    return l;
+  }
   std::vector<int> labels_;   // one per instruction
   int epilogue_ = -1;
   int stmt_ = 0;              // statement of the instruction in hand
+  int cur_ = 0;               // the instruction in hand
   std::map<std::pair<int, int>, int> error_stubs_;   // (stmt, msg) -> label
   std::map<std::pair<int, int>, int> exit_stubs_;    // (stmt, code) -> label
   std::vector<std::function<void()>> cold_;
@@ -89,10 +132,30 @@ class Gen {
     std::uint8_t reg;  // a Reg for integer types, an Xmm for SINGLE and DOUBLE
     int uses;
   };
+  // An array addressed in an innermost loop: its block and its element
+  // count (0 when it is not a dimensioned one-dimensional array, so that
+  // every access fails over to the full check) are held in registers.
+  struct CachedArray {
+    const values::Descriptor* d;
+    Reg block, count;
+  };
   struct Loop {
     int head, tail;
     std::vector<Cached> vars;
+    std::vector<CachedArray> arrays;
+    // Entered only at its head, no other loop, GOSUB or FOR inside: the loop
+    // mirror cannot change in its body.
+    bool clean = false;
+    std::vector<const values::Descriptor*> stored;  // scalars its body assigns
   };
+  // A FOR whose start, limit or step is an integer literal.
+  struct ForConst {
+    bool start_c = false, limit_c = false, step_c = false;
+    std::int64_t start = 0, limit = 0, step = 0;
+    bool all() const { return limit_c && step_c; }
+  };
+  std::vector<ForConst> for_const_;
+  std::vector<const values::Descriptor*> region_stored_;  // every scalar the region assigns
   std::vector<Loop> loops_;
   std::vector<int> loop_head_;       // per instruction: the loop starting there, or -1
   const Loop* in_loop_ = nullptr;    // the loop whose body is being generated
@@ -116,6 +179,24 @@ class Gen {
         default: a.movsd(static_cast<Xmm>(c.reg), m); break;
       }
     }
+    for (const CachedArray& c : in_loop_->arrays) {
+      const int invalid = a.new_label();
+      a.alu(Assembler::XOR, c.count, c.count);
+      a.load64(c.block, var(c.d));
+      a.test(c.block, c.block);
+      a.jcc(E, invalid);
+      a.alu_mem_imm(Assembler::CMP, mem(c.block, 0), 1);
+      a.jcc(NE, invalid);
+      a.load64(c.count, mem(c.block, 8));  // the upper bound
+      if (values::option_base == 0) a.alu_imm(Assembler::ADD, c.count, 1);
+      a.bind(invalid);
+    }
+  }
+  const CachedArray* cached_array(const values::Descriptor* d) const {
+    if (!in_loop_ || (values::option_base != 0 && values::option_base != 1)) return nullptr;
+    for (const CachedArray& c : in_loop_->arrays)
+      if (c.d == d) return &c;
+    return nullptr;
   }
   // After a store of `type` whose value is in register r: the cached copy.
   void update_cache(const values::Descriptor* d, int r) {
@@ -124,6 +205,17 @@ class Gen {
     if (values::is_integer_type(c->type)) a.mov(static_cast<Reg>(c->reg), static_cast<Reg>(r));
     else a.movapd(static_cast<Xmm>(c->reg), static_cast<Xmm>(r));
   }
+
+  // The scalar conversions write only the low lane and so wait for the
+  // register's previous value; clearing it first (renamed away, free) cuts
+  // that false dependency, which otherwise chains each statement's
+  // arithmetic to whatever last used the register.
+  void cvt_si2ss(Xmm d, Reg s) { a.xorps(d, d); a.cvtsi2ss(d, s); }
+  void cvt_si2sd(Xmm d, Reg s) { a.xorps(d, d); a.cvtsi2sd(d, s); }
+  void cvt_ss2sd(Xmm d, Xmm s) { if (d != s) a.xorps(d, d); a.cvtss2sd(d, s); }
+  void cvt_ss2sd(Xmm d, const Mem& m) { a.xorps(d, d); a.cvtss2sd(d, m); }
+  void cvt_sd2ss(Xmm d, Xmm s) { if (d != s) a.xorps(d, d); a.cvtsd2ss(d, s); }
+  void cvt_sd2ss(Xmm d, const Mem& m) { a.xorps(d, d); a.cvtsd2ss(d, m); }
 
   Reg g(int d) const { return GPR_SLOT[d]; }
   Xmm x(int d) const { return XMM_SLOT[d]; }
@@ -135,14 +227,27 @@ class Gen {
                                               reinterpret_cast<const std::uint8_t*>(values::descriptor_table())) + kDescValue);
   }
 
+  // While an unrolled loop's body is laid out: its FOR, whose mirror entry
+  // is only made on the way out (the body's statements belong to it alone).
+  int lazy_for_ = -1;
+  void lazy_for_entry(int slot) {
+    if (slot < 0) return;
+    a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(for_key(slot)));
+    a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kMirrorFor));
+    a.alu_imm(Assembler::ADD, R15, 16);
+    a.alu32_mem_imm(Assembler::SUB, mem(R12, F(for_room)), 1);
+    a.store8_imm(mem(R12, F(live) + slot), 1);
+  }
   int error_stub(int msg) {
     auto key = std::make_pair(stmt_, msg);
     auto it = error_stubs_.find(key);
     if (it != error_stubs_.end()) return it->second;
     const int l = a.new_label();
     const int s = stmt_;
-    cold_.push_back([this, l, s, msg] {
+    const int lazy = lazy_for_;
+    cold_.push_back([this, l, s, msg, lazy] {
       a.bind(l);
+      lazy_for_entry(lazy);
       a.store32_imm(mem(R12, F(exit_stmt)), s);
       a.store32_imm(mem(R12, F(error_msg)), msg);
       a.mov_imm(RAX, 0);
@@ -156,8 +261,10 @@ class Gen {
     auto it = exit_stubs_.find(key);
     if (it != exit_stubs_.end()) return it->second;
     const int l = a.new_label();
-    cold_.push_back([this, l, stmt, code] {
+    const int lazy = lazy_for_;
+    cold_.push_back([this, l, stmt, code, lazy] {
       a.bind(l);
+      lazy_for_entry(lazy);
       a.store32_imm(mem(R12, F(exit_stmt)), stmt);
       a.mov_imm(RAX, code);
       a.jmp(epilogue_);
@@ -196,7 +303,7 @@ class Gen {
     const std::int32_t base = F(tmp) + k * static_cast<std::int32_t>(sizeof(values::Value));
     a.store8_imm(mem(R12, base + kValueType), t.type);
     if (t.type == values::kSingle) {
-      a.cvtss2sd(X0, x(d));
+      cvt_ss2sd(X0, x(d));
       a.movsd(mem(R12, base + kValuePayload), X0);
     } else if (t.is_float()) {
       a.movsd(mem(R12, base + kValuePayload), x(d));
@@ -206,7 +313,7 @@ class Gen {
   }
   void from_tmp(int d, const ValType& t) {
     const std::int32_t base = F(tmp);
-    if (t.type == values::kSingle) a.cvtsd2ss(x(d), mem(R12, base + kValuePayload));
+    if (t.type == values::kSingle) cvt_sd2ss(x(d), mem(R12, base + kValuePayload));
     else if (t.is_float()) a.movsd(x(d), mem(R12, base + kValuePayload));
     else a.load64(g(d), mem(R12, base + kValuePayload));
   }
@@ -215,9 +322,9 @@ class Gen {
   // rounded to single, and save the conversions on every step.
   bool sgl(int d) const { return st_[static_cast<std::size_t>(d)].type == values::kSingle; }
   void to_double(Xmm dst, int d) {
-    if (sgl(d)) a.cvtss2sd(dst, x(d));
+    if (sgl(d)) cvt_ss2sd(dst, x(d));
     else if (st_[static_cast<std::size_t>(d)].is_float()) a.movapd(dst, x(d));
-    else a.cvtsi2sd(dst, g(d));
+    else cvt_si2sd(dst, g(d));
   }
   // Infinity or NaN in a binary32 register is "Overflow".
   void check_single(Xmm r) {
@@ -228,7 +335,7 @@ class Gen {
   }
   // A SINGLE result is rounded to binary32; infinity or NaN is "Overflow".
   void round_single(Xmm r) {
-    a.cvtsd2ss(r, r);
+    cvt_sd2ss(r, r);
     check_single(r);
   }
   void check_finite(Xmm r) {
@@ -276,11 +383,15 @@ class Gen {
       a.movss(m, x(d));
       return x(d);
     }
+    if (type == values::kDouble && v.type == values::kDouble) {
+      a.movsd(m, x(d));
+      return x(d);
+    }
     to_double(X0, d);
     if (type == values::kSingle) {
-      a.cvtsd2ss(X0, X0);
-      if (v.is_float()) {
-        a.cvtss2sd(X1, X0);
+      cvt_sd2ss(X0, X0);
+      if (v.is_float() && !fits_single(bd(d))) {
+        cvt_ss2sd(X1, X0);
         a.movq(RAX, X1);
         a.mov_imm(RCX, 0x7FF0000000000000ll);
         a.alu(Assembler::AND, RAX, RCX);
@@ -302,9 +413,17 @@ class Gen {
       default: a.movsd(x(d), m); break;
     }
   }
+  void load_from_reg(Reg r, std::uint8_t type, const Mem& m) {
+    switch (type) {
+      case values::kInteger: a.load_s16(r, m); break;
+      case values::kLong: a.load_s32(r, m); break;
+      default: a.load64(r, m); break;
+    }
+  }
   // Subscripts in slots d0..d0+n-1 to an element address in RAX (the
   // interpreter's checks in its order). Floating subscripts are rounded first.
-  void element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type) {
+  // Returns true when the address went straight to dst, false when it is in RAX.
+  bool element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type, Reg dst = RAX) {
     for (int k = 0; k < n; ++k) {
       if (!st_[static_cast<std::size_t>(d0 + k)].is_float()) continue;
       to_tmp(0, d0 + k);
@@ -316,9 +435,53 @@ class Gen {
     }
     if (!d) {
       a.jmp(error_stub(kMsgNotDimensioned));
-      return;
+      return false;
     }
     if (n == 1) {
+      if (const CachedArray* c = cached_array(d)) {
+        // One unsigned comparison with the count held since the loop head;
+        // a failure (or an array that was not usable there) takes the full
+        // check, which finds the message.
+        const int slow = a.new_label();
+        const int not_dim = error_stub(kMsgNotDimensioned), wrong = error_stub(kMsgWrongSubscripts),
+                  range = error_stub(kMsgSubscript);
+        const std::int32_t disp = var(d).disp;
+        cold_.push_back([this, slow, not_dim, wrong, range, disp] {
+          a.bind(slow);
+          a.load64(RAX, mem(RBX, disp));
+          a.test(RAX, RAX);
+          a.jcc(E, not_dim);
+          a.alu_mem_imm(Assembler::CMP, mem(RAX, 0), 1);
+          a.jcc(NE, wrong);
+          a.jmp(range);
+        });
+        const auto width = static_cast<std::uint8_t>(values::slot_width(type));
+        std::int64_t k;
+        if (known(d0, &k) && k - values::option_base >= 0 && k < (1 << 24)) {
+          // A constant subscript: valid when the count exceeds it.
+          const std::int64_t index = k - values::option_base;
+          a.alu_imm(Assembler::CMP, c->count, static_cast<std::int32_t>(index));
+          a.jcc(BE, slow);
+          if (dst == RAX) {
+            a.lea(RAX, mem(c->block, static_cast<std::int32_t>(16 + index * width)));
+          } else {
+            ab_[static_cast<std::size_t>(d0)] = c->block;  // the store addresses it directly
+            ad_[static_cast<std::size_t>(d0)] = static_cast<std::int32_t>(16 + index * width);
+          }
+          return true;
+        }
+        if (values::option_base == 0) {
+          a.alu(Assembler::CMP, g(d0), c->count);
+          a.jcc(AE, slow);
+          a.lea(RAX, mem(c->block, g(d0), width, 16));
+        } else {
+          a.lea(RCX, mem(g(d0), -1));
+          a.alu(Assembler::CMP, RCX, c->count);
+          a.jcc(AE, slow);
+          a.lea(RAX, mem(c->block, RCX, width, 16));
+        }
+        return false;
+      }
       a.load64(RAX, mem(RBX, var(d).disp));  // the block pointer, re-read: REDIM and ERASE move it
       a.test(RAX, RAX);
       a.jcc(E, error_stub(kMsgNotDimensioned));
@@ -338,7 +501,7 @@ class Gen {
           a.jcc(AE, error_stub(kMsgSubscript));
           a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(width), 16));
         }
-        return;
+        return false;
       }
       a.mov(RCX, g(d0));
       a.alu(Assembler::SUB, RCX, mem(R12, F(option_base)));
@@ -348,13 +511,15 @@ class Gen {
       a.jcc(A, error_stub(kMsgSubscript));
       const std::uint32_t w = values::slot_width(type);
       a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(w), 16));
-      return;
+      return false;
     }
     for (int k = 0; k < n; ++k) a.store64(mem(R12, F(subs) + 8 * k), g(d0 + k));
     call(reinterpret_cast<const void*>(&helper_element), d0, reinterpret_cast<std::int64_t>(d), n, 3);
     a.test(RAX, RAX);
     a.jcc(E, error_stub(kMsgNone));
+    return false;
   }
+
   // A backward branch: count down, and every kPollInterval-th time ask
   // whether the interpreter must take over (break key, events, closing).
   void back_edge(int target) {
@@ -375,11 +540,14 @@ class Gen {
     a.jcc(E, labels_[static_cast<std::size_t>(target)]);
     a.jmp(exit_stub(target_stmt, kTransferResume));
   }
-  void mirror_push(std::uint32_t key, std::uint32_t kind, std::int32_t room_field) {
-    a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
-    a.jcc(AE, resume_here());
-    a.cmp32_mem(mem(R12, room_field), 0);
-    a.jcc(LE, resume_here());
+  // `checked`: the statement's marker has already made sure there is room.
+  void mirror_push(std::uint32_t key, std::uint32_t kind, std::int32_t room_field, bool checked = false) {
+    if (!checked) {
+      a.alu(Assembler::CMP, R15, mem(R12, F(mirror_limit)));
+      a.jcc(AE, resume_here());
+      a.cmp32_mem(mem(R12, room_field), 0);
+      a.jcc(LE, resume_here());
+    }
     a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(key));
     a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kind));
     a.alu_imm(Assembler::ADD, R15, 16);
@@ -448,15 +616,106 @@ class Gen {
       in_loop_ = outer;
     });
   }
+  double bd(int d) const { return bd_[static_cast<std::size_t>(d)]; }
+  void resize_slots(int n) {
+    const auto k = static_cast<std::size_t>(n);
+    st_.resize(k);
+    bd_.resize(k, kUnbounded);
+    kk_.resize(k, false);
+    kv_.resize(k, 0);
+    pooled_.resize(k, false);
+    ab_.resize(k, RSP);
+    ad_.resize(k, 0);
+  }
+  bool known(int d, std::int64_t* v) const {
+    if (!kk_[static_cast<std::size_t>(d)]) return false;
+    *v = kv_[static_cast<std::size_t>(d)];
+    return true;
+  }
+  // The literal pushed by instruction j, as a double; false when it is none.
+  bool literal_at(int j, double* v) const {
+    if (j < 0 || ins(j).op != OP_PUSH_CONST) return false;
+    if (ins(j).type <= values::kInt64) *v = static_cast<double>(static_cast<std::int64_t>(ins(j).operand));
+    else std::memcpy(v, &ins(j).operand, 8);
+    return true;
+  }
+  // A value below this cannot become infinite when rounded to SINGLE.
+  static bool fits_single(double bound) { return bound < 3.0e38; }
+  double bound_after(int i, int d) const;
+  // A pooled literal's value as the operation sees it: a SINGLE literal is
+  // its binary32 value even where the operation is done in double.
+  double pooled_value(int j) const {
+    double v;
+    (void)literal_at(j, &v);
+    if (ins(j).type == values::kSingle) v = static_cast<float>(v);
+    return v;
+  }
+  void sse_pooled(bool single, std::uint8_t op, Xmm dst, int j) {
+    static constexpr std::uint8_t kOpcode[] = {0x58, 0x5C, 0x59, 0x5E};
+    const int k = op == OP_ADD ? 0 : op == OP_SUB ? 1 : op == OP_MUL ? 2 : 3;
+    a.sse_rip(single ? 0xF3 : 0xF2, kOpcode[k], dst, pool_label(pooled_value(j), single));
+  }
+  // The literal at i is the right operand of floating +, -, * or / right
+  // after it: that operation reads it from the pool.
+  bool poolable(int i) const {
+    if (i + 1 >= count() || depth_[i + 1] != depth_[i] + 1 || skip_[static_cast<std::size_t>(i + 1)]) return false;
+    const std::uint8_t op = ins(i + 1).op;
+    if (op != OP_ADD && op != OP_SUB && op != OP_MUL && op != OP_DIV) return false;
+    const ValType& r = info(i + 1).result;
+    if (!r.is_float()) return false;
+    double v = 0;
+    (void)literal_at(i, &v);
+    if (op == OP_DIV && !(std::fabs(v) >= 1e-30 && std::fabs(v) <= 1e30)) return false;  // keeps its zero test
+    if (ins(i).type <= values::kInt64) return std::fabs(v) <= 16777216.0;  // exact in SINGLE as in DOUBLE
+    return true;
+  }
   void prologue();
   void emit_epilogue();
   bool instruction(int i);
   void compare(int i, std::uint8_t op, int d);
   void arith(std::uint8_t op, int d);
-  void for_entry(int i, int d);
+  void for_entry(int i, int d, bool lazy = false);
+  bool unroll(int i, int d);
+  // An INTEGER or LONG counter with a literal step and an integer limit that
+  // is not a literal: its NEXT compares with the limit clamped to the type.
+  bool clamped_limit(int slot, const ValType& limit) const {
+    const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+    const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+    return (f.var_type == values::kInteger || f.var_type == values::kLong) && fc.step_c && !fc.limit_c &&
+           limit.is_int() && fc.step == static_cast<std::int32_t>(fc.step) && fc.step != 0;
+  }
+  int resume_at_ = -1;  // after an unrolled loop: the instruction to go on with
+  bool pool_next_ = false;  // the literal in hand is left in the pool
   void next(int i);
   bool divide_by_constant(int i, std::uint8_t op, int d);
 };
+
+double Gen::bound_after(int i, int d) const {
+  const Instr& in = ins(i);
+  const double type_bound = info_result_.is_int() ? std::max(info_result_.mag, 1.0) : kUnbounded;
+  double r = kUnbounded;
+  switch (in.op) {
+    case OP_PUSH_CONST: {
+      double v;
+      (void)literal_at(i, &v);
+      r = std::fabs(v);
+      break;
+    }
+    case OP_ADD: case OP_SUB: r = bd(d - 2) + bd(d - 1); break;
+    case OP_MUL: r = bd(d - 2) * bd(d - 1); break;
+    case OP_DIV: {
+      double c;
+      if (literal_at(i - 1, &c) && c != 0) r = bd(d - 2) / std::fabs(c);
+      break;
+    }
+    case OP_NEG: case OP_ABS: r = bd(d - 1); break;
+    case OP_INT: case OP_FIX: r = bd(d - 1) + 1; break;
+    default: break;
+  }
+  // Rounding may move a result up by a unit in the last place.
+  r *= 1.0 + 1.0 / 1048576.0;
+  return std::isnan(r) ? kUnbounded : std::min(r, type_bound);
+}
 
 void Gen::prologue() {
   const Reg saved[] = {RBX, RBP, R12, R13, R14, R15, RSI, RDI};
@@ -473,6 +732,23 @@ void Gen::prologue() {
   a.load64(RBX, mem(R12, F(desc_base)));
   a.load64(R15, mem(R12, F(mirror_top)));
   a.load64(R13, mem(R12, F(poll)));
+  for (std::size_t slot = 0; slot < for_const_.size(); ++slot) {
+    const ForConst& fc = for_const_[slot];
+    if (!fc.all()) continue;
+    const int s = static_cast<int>(slot);
+    const double limit = static_cast<double>(fc.limit), step = static_cast<double>(fc.step);
+    std::int64_t bits;
+    a.mov_imm(RAX, fc.limit);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, limit_i))), RAX);
+    std::memcpy(&bits, &limit, 8);
+    a.mov_imm(RAX, bits);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, limit_d))), RAX);
+    a.mov_imm(RAX, fc.step);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, step_i))), RAX);
+    std::memcpy(&bits, &step, 8);
+    a.mov_imm(RAX, bits);
+    a.store64(mem(R12, for_field(s, offsetof(ForSlot, step_d))), RAX);
+  }
   // The lowest the machine stack may go for native GOSUBs (16 bytes each).
   a.load_s32(RCX, mem(R12, F(gosub_room)));
   a.shl_imm(RCX, 4);
@@ -617,14 +893,34 @@ void Gen::arith(std::uint8_t op, int d) {
     // are computed in single precision: the same bits as the double
     // operation rounded once.
     auto small = [&](const ValType& t) { return t.type == values::kSingle || (t.is_int() && t.mag <= 16777216.0); };
+    // A literal divisor: never zero, and a power of two divides exactly
+    // as a multiplication by its reciprocal does (a few cycles, not tens).
+    double divisor = 0;
+    const bool literal_divisor = op == OP_DIV && literal_at(cur_ - 1, &divisor) && std::fabs(divisor) >= 1e-30 &&
+                                 std::fabs(divisor) <= 1e30;
+    int exponent = 0;
+    const bool power_of_two = literal_divisor && std::fabs(std::frexp(divisor, &exponent)) == 0.5 &&
+                              exponent >= -120 && exponent <= 120;
+    const bool may_overflow = !fits_single(bound_after(cur_, d));
+    const bool pooled = pooled_[static_cast<std::size_t>(db)];
     if (rt == values::kSingle && small(ta) && small(tb)) {
-      if (ta.is_int()) a.cvtsi2ss(x(da), g(da));
+      if (ta.is_int()) cvt_si2ss(x(da), g(da));
+      if (pooled && !power_of_two) {
+        sse_pooled(true, op, x(da), cur_ - 1);
+        if (may_overflow) check_single(x(da));
+        return;
+      }
       Xmm xb = x(db);
+      if (power_of_two) {
+        a.sse_rip(0xF3, 0x59, x(da), pool_label(1.0 / divisor, true));
+        if (may_overflow) check_single(x(da));
+        return;
+      }
       if (tb.is_int()) {
-        a.cvtsi2ss(X1, g(db));
+        cvt_si2ss(X1, g(db));
         xb = X1;
       }
-      if (op == OP_DIV) {
+      if (op == OP_DIV && !literal_divisor) {
         const int nonzero = a.new_label();
         a.xorps(X10, X10);
         a.ucomiss(xb, X10);
@@ -638,18 +934,34 @@ void Gen::arith(std::uint8_t op, int d) {
         case OP_MUL: a.mulss(x(da), xb); break;
         default: a.divss(x(da), xb); break;
       }
-      check_single(x(da));
+      if (may_overflow) check_single(x(da));
       return;
     }
     // Otherwise in double, the result straight into a's floating register.
-    if (ta.is_int()) a.cvtsi2sd(x(da), g(da));
-    else if (ta.type == values::kSingle) a.cvtss2sd(x(da), x(da));
+    if (ta.is_int()) cvt_si2sd(x(da), g(da));
+    else if (ta.type == values::kSingle) cvt_ss2sd(x(da), x(da));
     Xmm xb = x(db);
+    if (power_of_two) {
+      a.sse_rip(0xF2, 0x59, x(da), pool_label(1.0 / divisor, false));
+      if (rt == values::kSingle) {
+        cvt_sd2ss(x(da), x(da));
+        if (may_overflow) check_single(x(da));
+      }
+      return;
+    }
+    if (pooled) {
+      sse_pooled(false, op, x(da), cur_ - 1);
+      if (rt == values::kSingle) {
+        cvt_sd2ss(x(da), x(da));
+        if (may_overflow) check_single(x(da));
+      }
+      return;
+    }
     if (tb.type != values::kDouble) {
       to_double(X1, db);
       xb = X1;
     }
-    if (op == OP_DIV) {
+    if (op == OP_DIV && !literal_divisor) {
       const int nonzero = a.new_label();
       a.xorpd(X10, X10);
       a.ucomisd(xb, X10);
@@ -663,7 +975,10 @@ void Gen::arith(std::uint8_t op, int d) {
       case OP_MUL: a.mulsd(x(da), xb); break;
       default: a.divsd(x(da), xb); break;
     }
-    if (rt == values::kSingle) round_single(x(da));
+    if (rt == values::kSingle) {
+      cvt_sd2ss(x(da), x(da));
+      if (may_overflow) check_single(x(da));
+    }
     return;
   }
   // Everything else through the interpreter's own operator routine.
@@ -719,9 +1034,10 @@ bool Gen::divide_by_constant(int i, std::uint8_t op, int d) {
   return true;
 }
 
-void Gen::for_entry(int i, int d) {
+void Gen::for_entry(int i, int d, bool lazy) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
   const int ds = d - 3, dl = d - 2, dt = d - 1;
   const ValType tl = st_[static_cast<std::size_t>(dl)], tt = st_[static_cast<std::size_t>(dt)];
   // A NaN limit or step is "Illegal function call".
@@ -731,19 +1047,39 @@ void Gen::for_entry(int i, int d) {
     a.ucomisd(X0, X0);
     a.jcc(P, error_stub(kMsgIllegalCall));
   }
-  store_to(ds, f.var_type, var(f.d), d);
-  const std::int32_t fs = F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot));
-  const std::int32_t o_limit_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_i));
-  const std::int32_t o_limit_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_d));
-  const std::int32_t o_step_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_i));
-  const std::int32_t o_step_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_d));
-  const std::int32_t o_sign = fs + static_cast<std::int32_t>(offsetof(ForSlot, sign));
-  if (tl.is_int()) a.store64(mem(R12, o_limit_i), g(dl));
-  to_double(X0, dl);
-  a.movsd(mem(R12, o_limit_d), X0);
-  if (tt.is_int()) a.store64(mem(R12, o_step_i), g(dt));
-  to_double(X1, dt);
-  a.movsd(mem(R12, o_step_d), X1);
+  if (elide_[static_cast<std::size_t>(i - 1)]) {
+    switch (f.var_type) {
+      case values::kInteger: a.store16_imm(var(f.d), static_cast<std::int16_t>(fc.start)); break;
+      case values::kLong: a.store32_imm(var(f.d), static_cast<std::int32_t>(fc.start)); break;
+      default: a.store64_imm(var(f.d), static_cast<std::int32_t>(fc.start)); break;
+    }
+  } else {
+    store_to(ds, f.var_type, var(f.d), d);
+  }
+  const std::int32_t o_limit_i = for_field(slot, offsetof(ForSlot, limit_i));
+  const std::int32_t o_limit_d = for_field(slot, offsetof(ForSlot, limit_d));
+  const std::int32_t o_sign = for_field(slot, offsetof(ForSlot, sign));
+  // Literal limit and step were written once at the region's entry; the
+  // interpreter reads them only if it takes the loop over.
+  if (!fc.all()) {
+    if (tl.is_int()) a.store64(mem(R12, o_limit_i), g(dl));
+    if (clamped_limit(slot, f.limit)) {
+      // Within the counter's type: a counter still at most this after its
+      // step fits, so NEXT tests the type only on the way out.
+      const bool up = fc.step > 0;
+      a.mov(RAX, g(dl));
+      a.mov_imm(RCX, f.var_type == values::kInteger ? (up ? 32767 : -32768)
+                                                     : (up ? 2147483647 : -2147483648ll));
+      a.alu(Assembler::CMP, RAX, RCX);
+      a.cmov(up ? G : L, RAX, RCX);
+      a.store64(mem(R12, for_field(slot, offsetof(ForSlot, limit_in_range))), RAX);
+    }
+    to_double(X0, dl);
+    a.movsd(mem(R12, o_limit_d), X0);
+    if (tt.is_int()) a.store64(mem(R12, for_field(slot, offsetof(ForSlot, step_i))), g(dt));
+    to_double(X1, dt);
+    a.movsd(mem(R12, for_field(slot, offsetof(ForSlot, step_d))), X1);
+  }
   if (!f.step_const) {
     if (tt.is_int()) {
       a.alu_imm(Assembler::CMP, g(dt), 0);
@@ -758,22 +1094,31 @@ void Gen::for_entry(int i, int d) {
     a.alu(Assembler::SUB, RAX, RCX);
     a.store64(mem(R12, o_sign), RAX);
   }
-  mirror_push(for_key(slot), kMirrorFor, F(for_room));
+  if (lazy) return;  // an unrolled loop: it runs, and its mirror entry is made only on the way out
+  mirror_push(for_key(slot), kMirrorFor, F(for_room), true);
   a.store8_imm(mem(R12, F(live) + slot), 1);
-  // The entry test: a loop can run zero times.
+  // The entry test: a loop can run zero times (known here when all three are literals).
+  if (f.step_const && fc.start_c && fc.all() &&
+      (f.step_sign > 0 ? fc.start <= fc.limit : f.step_sign < 0 ? fc.start >= fc.limit : false))
+    return;
   const int body = a.new_label(), past = a.new_label();
   auto test = [&](int sign) {
     if (sign == 0) return;
+    if (fc.start_c && fc.all()) {
+      if (sign > 0 ? fc.start > fc.limit : fc.start < fc.limit) a.jmp(past);
+      return;
+    }
     if (values::is_integer_type(f.var_type) && tl.is_int()) {
       load_from(0, f.var_type, var(f.d));
-      a.alu(Assembler::CMP, g(0), mem(R12, o_limit_i));
+      if (fc.limit_c && fc.limit == static_cast<std::int32_t>(fc.limit)) a.alu_imm(Assembler::CMP, g(0), static_cast<std::int32_t>(fc.limit));
+      else a.alu(Assembler::CMP, g(0), mem(R12, o_limit_i));
       a.jcc(sign > 0 ? G : L, past);
     } else {
       if (values::is_integer_type(f.var_type)) {
         load_from(0, f.var_type, var(f.d));
-        a.cvtsi2sd(X0, g(0));
+        cvt_si2sd(X0, g(0));
       } else if (f.var_type == values::kSingle) {
-        a.cvtss2sd(X0, var(f.d));
+        cvt_ss2sd(X0, var(f.d));
       } else {
         a.movsd(X0, var(f.d));
       }
@@ -801,30 +1146,204 @@ void Gen::for_entry(int i, int d) {
   a.bind(body);
 }
 
+// A loop of at most 8 passes fixed by literals, whose body is straight-line
+// code that leaves the counter alone, is laid out once per pass: no compare,
+// no branch, and each pass's counter is a constant. Everything the
+// interpreter would need if it took over (the counter in memory, the mirror
+// entry, the loop's literal limit and step) is as in the rolled loop.
+bool Gen::unroll(int i, int d) {
+  const int slot = ins(i).count;
+  const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+  if (!values::is_integer_type(f.var_type) || !fc.start_c || !fc.all()) return false;
+  constexpr std::int64_t kSmall = std::int64_t{1} << 40;
+  if (fc.start > kSmall || fc.start < -kSmall || fc.limit > kSmall || fc.limit < -kSmall) return false;
+  if (fc.step > 0 ? fc.start > fc.limit : fc.start < fc.limit) return false;  // runs no pass
+  const std::int64_t passes = (fc.limit - fc.start) / fc.step + 1;
+  if (passes < 1 || passes > 8) return false;
+  const int s = i + 1;
+  int e = -1;
+  for (int j = s; j < count() && j < s + 64; ++j)
+    if (ins(j).op == OP_NEXT && ins(j).count == slot) {
+      e = j;
+      break;
+    }
+  if (e < 0 || loop_head_[static_cast<std::size_t>(s)] < 0) return false;
+  const Loop& loop = loops_[static_cast<std::size_t>(loop_head_[static_cast<std::size_t>(s)])];
+  if (loop.tail != e || !loop.clean ||
+      std::find(loop.stored.begin(), loop.stored.end(), f.d) != loop.stored.end())
+    return false;
+  for (int j = s; j < e; ++j) {
+    if (depth_[j] < 0) continue;
+    switch (ins(j).op) {
+      case OP_JUMP: case OP_BRANCH_FALSE: case OP_GOTO_LOCAL: case OP_GOTO_LINE: case OP_GOSUB_LOCAL:
+      case OP_GOSUB_LINE: case OP_RETURN: case OP_FOR: case OP_NEXT: case OP_END: case OP_FALLBACK:
+        return false;
+      case OP_STATEMENT:
+        if (ins(j).type != 0) return false;  // profiled: every statement's runs are counted as written
+        break;
+      default: break;
+    }
+  }
+  for (int j = s; j <= e; ++j)
+    if (ins(j).op == OP_STATEMENT && ins(j).type != 0) return false;
+  // The value after the last pass must fit the counter's type, as NEXT's would.
+  const std::int64_t after = fc.start + passes * fc.step;
+  const std::int64_t top = f.var_type == values::kInteger ? 32767 : f.var_type == values::kLong ? 2147483647 : INT64_MAX / 2;
+  if (after > top || after < -top) return false;
+
+  for_entry(i, d, true);
+  in_loop_ = &loop;
+  load_cache();
+  lazy_for_ = slot;
+  // The body reads the counter as a constant; memory holds it for the
+  // interpreter (errors, helpers).
+  auto set_counter = [&](std::int64_t v) {
+    switch (f.var_type) {
+      case values::kInteger: a.store16_imm(var(f.d), static_cast<std::int16_t>(v)); break;
+      case values::kLong: a.store32_imm(var(f.d), static_cast<std::int32_t>(v)); break;
+      default:
+        a.mov_imm(RAX, v);
+        a.store64(var(f.d), RAX);
+        break;
+    }
+  };
+  unrolled_var_ = f.d;
+  for (std::int64_t k = 0; k < passes; ++k) {
+    unrolled_value_ = fc.start + k * fc.step;
+    if (k > 0) set_counter(unrolled_value_);
+    for (int j = s; j < e; ++j) {
+      if (depth_[j] < 0) continue;
+      resize_slots(depth_[j]);
+      if (!instruction(j)) {
+        unrolled_var_ = nullptr;
+        lazy_for_ = -1;
+        return false;
+      }
+    }
+  }
+  unrolled_var_ = nullptr;
+  lazy_for_ = -1;
+  stmt_ = info(e).stmt;
+  set_counter(after);
+  in_loop_ = nullptr;
+  for (int j = s; j <= e; ++j) {
+    a.bind(labels_[static_cast<std::size_t>(j)]);
+    offsets[static_cast<std::size_t>(j)] = static_cast<std::uint32_t>(a.size());
+  }
+  st_.resize(static_cast<std::size_t>(depth_[e]));
+  resume_at_ = e + 1;
+  return true;
+}
+
 void Gen::next(int i) {
   const int slot = ins(i).count;
   const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
-  const std::int32_t fs = F(fors) + slot * static_cast<std::int32_t>(sizeof(ForSlot));
-  const std::int32_t o_limit_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_i));
-  const std::int32_t o_limit_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, limit_d));
-  const std::int32_t o_step_i = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_i));
-  const std::int32_t o_step_d = fs + static_cast<std::int32_t>(offsetof(ForSlot, step_d));
-  const std::int32_t o_sign = fs + static_cast<std::int32_t>(offsetof(ForSlot, sign));
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+  const std::int32_t o_limit_i = for_field(slot, offsetof(ForSlot, limit_i));
+  const std::int32_t o_limit_d = for_field(slot, offsetof(ForSlot, limit_d));
+  const std::int32_t o_step_i = for_field(slot, offsetof(ForSlot, step_i));
+  const std::int32_t o_step_d = for_field(slot, offsetof(ForSlot, step_d));
+  const std::int32_t o_sign = for_field(slot, offsetof(ForSlot, sign));
+  const bool integer = values::is_integer_type(f.var_type);
+  // In a clean innermost loop this FOR is the mirror's top: it was pushed on
+  // the way in and nothing in the body pushes or pops.
+  const bool clean = in_loop_ && in_loop_->tail == i && in_loop_->clean;
+  const bool var_stored = clean && std::find(in_loop_->stored.begin(), in_loop_->stored.end(), f.d) != in_loop_->stored.end();
   // Only the loop on top of the mirror is stepped here; anything else is the
   // interpreter's to sort out.
-  a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(for_key(slot)));
-  a.jcc(NE, resume_here());
+  if (!clean) {
+    a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(for_key(slot)));
+    a.jcc(NE, resume_here());
+  }
+  const bool imm_step = integer && fc.step_c && fc.step == static_cast<std::int32_t>(fc.step);
+  const bool imm_limit = integer && fc.limit_c && fc.limit == static_cast<std::int32_t>(fc.limit);
+  // The counter cannot overflow when the body leaves it alone: it is within
+  // the literal limit on every pass, and limit + step fits its type.
+  // Outside a clean loop the FOR is the mirror's top (tested above), so it
+  // was entered natively: enough when no code of the region assigns the
+  // counter.
+  const bool untouched = clean ? !var_stored
+                               : f.same_var.empty() && std::find(region_stored_.begin(), region_stored_.end(), f.d) ==
+                                                           region_stored_.end();
+  bool no_overflow = false;
+  if (untouched && imm_step && imm_limit) {
+    const std::int64_t top = f.var_type == values::kInteger ? 32767 : f.var_type == values::kLong ? 2147483647 : INT64_MAX;
+    const std::int64_t bottom = f.var_type == values::kInteger ? -32768 : f.var_type == values::kLong ? -2147483647 - 1 : INT64_MIN;
+    no_overflow = fc.step > 0 ? fc.limit <= top - fc.step : fc.limit >= bottom - fc.step;
+  }
+  // A loop whose trip count is bounded by literals, with a body free of
+  // loops, needs no poll of its own: the loop around it polls.
+  const bool bounded = clean && no_overflow && fc.start_c &&
+                       (fc.step > 0 ? fc.limit - fc.start : fc.start - fc.limit) / (fc.step > 0 ? fc.step : -fc.step) < 4096;
   const int done = a.new_label(), again = a.new_label();
   const Mem v = var(f.d);
   const bool int_limit = f.limit.is_int();
+  const Cached* c = cached(f.d);
+  auto store_counter = [&](Reg r) {
+    switch (f.var_type) {
+      case values::kInteger: a.store16(v, r); break;
+      case values::kLong: a.store32(v, r); break;
+      default: a.store64(v, r); break;
+    }
+  };
+  if (integer && untouched && clamped_limit(slot, f.limit)) {
+    const Reg r = c ? static_cast<Reg>(c->reg) : RAX;
+    if (!c) load_from_reg(RAX, f.var_type, v);
+    a.alu_imm(Assembler::ADD, r, static_cast<std::int32_t>(fc.step));
+    a.alu(Assembler::CMP, r, mem(R12, for_field(slot, offsetof(ForSlot, limit_in_range))));
+    const int leaving = a.new_label();
+    a.jcc(fc.step > 0 ? G : L, leaving);
+    store_counter(r);
+    back_edge(static_cast<int>(ins(i).position));
+    // Past the clamped limit: past the real one too, unless the type ran out.
+    const int overflow = error_stub(kMsgOverflow);
+    const bool up = fc.step > 0;
+    const std::int64_t edge = f.var_type == values::kInteger ? (up ? 32767 : -32768) : (up ? 2147483647 : -2147483648ll);
+    const std::uint8_t vt = f.var_type;
+    const Mem vm = v;
+    cold_.push_back([this, leaving, overflow, up, edge, r, vt, vm, done] {
+      a.bind(leaving);
+      a.mov_imm(RCX, edge);
+      a.alu(Assembler::CMP, r, RCX);
+      a.jcc(up ? G : L, overflow);
+      if (vt == values::kInteger) a.store16(vm, r);
+      else a.store32(vm, r);
+      a.jmp(done);
+    });
+    a.bind(done);
+    mirror_pop(F(for_room));
+    a.store8_imm(mem(R12, F(live) + slot), 0);
+    return;
+  }
+  if (integer && no_overflow) {
+    const Reg r = c ? static_cast<Reg>(c->reg) : RAX;
+    if (!c) load_from_reg(RAX, f.var_type, v);
+    a.alu_imm(Assembler::ADD, r, static_cast<std::int32_t>(fc.step));
+    store_counter(r);
+    a.alu_imm(Assembler::CMP, r, static_cast<std::int32_t>(fc.limit));
+    if (bounded) {
+      a.jcc(fc.step > 0 ? LE : GE, labels_[ins(i).position]);
+    } else {
+      a.jcc(fc.step > 0 ? G : L, done);
+      back_edge(static_cast<int>(ins(i).position));
+    }
+    a.bind(done);
+    mirror_pop(F(for_room));
+    a.store8_imm(mem(R12, F(live) + slot), 0);
+    return;
+  }
   auto beyond = [&](int sign) {
     if (sign == 0) return;
-    if (values::is_integer_type(f.var_type)) {
-      if (int_limit) {
+    if (integer) {
+      if (imm_limit) {
+        a.alu_imm(Assembler::CMP, RAX, static_cast<std::int32_t>(fc.limit));
+        a.jcc(sign > 0 ? G : L, done);
+      } else if (int_limit) {
         a.alu(Assembler::CMP, RAX, mem(R12, o_limit_i));
         a.jcc(sign > 0 ? G : L, done);
       } else {
-        a.cvtsi2sd(X0, RAX);
+        cvt_si2sd(X0, RAX);
         a.ucomisd(X0, mem(R12, o_limit_d));
         a.jcc(sign > 0 ? A : B, done);
       }
@@ -833,46 +1352,36 @@ void Gen::next(int i) {
       a.jcc(sign > 0 ? A : B, done);
     }
   };
-  const Cached* c = cached(f.d);
-  if (values::is_integer_type(f.var_type)) {
-    if (c) {
-      a.mov(RAX, static_cast<Reg>(c->reg));
-    } else {
-      switch (f.var_type) {
-        case values::kInteger: a.load_s16(RAX, v); break;
-        case values::kLong: a.load_s32(RAX, v); break;
-        default: a.load64(RAX, v); break;
-      }
-    }
-    a.alu(Assembler::ADD, RAX, mem(R12, o_step_i));
+  if (integer) {
+    if (c) a.mov(RAX, static_cast<Reg>(c->reg));
+    else load_from_reg(RAX, f.var_type, v);
+    if (imm_step) a.alu_imm(Assembler::ADD, RAX, static_cast<std::int32_t>(fc.step));
+    else a.alu(Assembler::ADD, RAX, mem(R12, o_step_i));
     a.jcc(O, error_stub(kMsgOverflow));
     if (f.var_type == values::kInteger) {
       a.sx16(RCX, RAX);
       a.alu(Assembler::CMP, RCX, RAX);
       a.jcc(NE, error_stub(kMsgOverflow));
-      a.store16(v, RAX);
     } else if (f.var_type == values::kLong) {
       a.sx32(RCX, RAX);
       a.alu(Assembler::CMP, RCX, RAX);
       a.jcc(NE, error_stub(kMsgOverflow));
-      a.store32(v, RAX);
-    } else {
-      a.store64(v, RAX);
     }
+    store_counter(RAX);
     update_cache(f.d, RAX);
   } else {
-    if (c && f.var_type == values::kSingle) a.cvtss2sd(X0, static_cast<Xmm>(c->reg));
+    if (c && f.var_type == values::kSingle) cvt_ss2sd(X0, static_cast<Xmm>(c->reg));
     else if (c) a.movapd(X0, static_cast<Xmm>(c->reg));
-    else if (f.var_type == values::kSingle) a.cvtss2sd(X0, v);
+    else if (f.var_type == values::kSingle) cvt_ss2sd(X0, v);
     else a.movsd(X0, v);
     a.addsd(X0, mem(R12, o_step_d));
     if (f.var_type == values::kSingle) {
-      a.cvtsd2ss(X0, X0);
-      a.cvtss2sd(X0, X0);
+      cvt_sd2ss(X0, X0);
+      cvt_ss2sd(X0, X0);
     }
     check_finite(X0);
     if (f.var_type == values::kSingle) {
-      a.cvtsd2ss(X1, X0);
+      cvt_sd2ss(X1, X0);
       a.movss(v, X1);
       update_cache(f.d, X1);
     } else {
@@ -902,6 +1411,7 @@ void Gen::next(int i) {
 bool Gen::instruction(int i) {
   const Instr& in = ins(i);
   const int d = depth_[i];
+  cur_ = i;
   stmt_ = info(i).stmt;
   info_result_ = info(i).result;
   switch (in.op) {
@@ -922,6 +1432,11 @@ bool Gen::instruction(int i) {
       }
       break;
     case OP_PUSH_CONST:
+      if (elide_[static_cast<std::size_t>(i)]) break;
+      if (poolable(i)) {
+        pool_next_ = true;
+        break;
+      }
       if (in.type <= values::kInt64) {
         a.mov_imm(g(d), static_cast<std::int64_t>(in.operand));
       } else if (in.type == values::kSingle) {
@@ -938,7 +1453,16 @@ bool Gen::instruction(int i) {
       }
       break;
     case OP_PUSH_VAR:
-      if (const Cached* c = cached(info(i).d)) {
+      if (unrolled_var_ && info(i).d == unrolled_var_) {
+        // Left unmaterialised when it only subscripts a register-held array
+        // (the element is addressed from the constant).
+        const std::int64_t index = unrolled_value_ - values::option_base;
+        const bool subscript_only =
+            index >= 0 && index < (1 << 24) &&
+            ((info(i).store_addr == 1 && cached_array(info(info(i).id).d)) ||
+             (i + 1 < count() && ins(i + 1).op == OP_LOAD_ELEM && ins(i + 1).count == 1 && cached_array(info(i + 1).d)));
+        if (!subscript_only) a.mov_imm(g(d), unrolled_value_);
+      } else if (const Cached* c = cached(info(i).d)) {
         if (values::is_integer_type(c->type)) a.mov(g(d), static_cast<Reg>(c->reg));
         else a.movapd(x(d), static_cast<Xmm>(c->reg));
       } else {
@@ -1079,15 +1603,10 @@ bool Gen::instruction(int i) {
       a.store32_imm(mem(R15, 0), static_cast<std::int32_t>(kMirrorGosub << 16 | static_cast<std::uint32_t>(info(i).id)));
       a.store32_imm(mem(R15, 4), static_cast<std::int32_t>(kMirrorGosub));
       a.alu_imm(Assembler::ADD, R15, 16);
+      // No poll here: a cycle through GOSUBs alone deepens the stack until
+      // it runs out, and every other cycle has a back edge that polls.
       a.alu_imm(Assembler::SUB, RSP, 8);
-      {
-        const int enter = a.new_label(), after = a.new_label();
-        a.call(enter);
-        a.jmp(after);
-        a.bind(enter);
-        back_edge(target);
-        a.bind(after);
-      }
+      a.call(labels_[static_cast<std::size_t>(target)]);
       a.alu_imm(Assembler::ADD, RSP, 8);
       break;
     }
@@ -1130,7 +1649,9 @@ bool Gen::instruction(int i) {
       a.test(RAX, RAX);
       a.jcc(E, error_stub(kMsgNone));
       break;
-    case OP_FOR: for_entry(i, d); break;
+    case OP_FOR:
+      if (!unroll(i, d)) for_entry(i, d);
+      break;
     case OP_NEXT: next(i); break;
     case OP_LOAD_ELEM: {
       const int n = in.count;
@@ -1142,7 +1663,8 @@ bool Gen::instruction(int i) {
       const int n = in.count;
       // The element was addressed before the value was computed, into the
       // first subscript's register.
-      store_to(d - 1, in.type, mem(g(d - 1 - n), 0), d - 1);
+      const auto at = static_cast<std::size_t>(d - 1 - n);
+      store_to(d - 1, in.type, ab_[at] != RSP ? mem(ab_[at], ad_[at]) : mem(g(d - 1 - n), 0), d - 1);
       break;
     }
     default:
@@ -1151,14 +1673,31 @@ bool Gen::instruction(int i) {
   // The stack's types after the instruction.
   int out;
   (void)stack_effect(in, d, &out);
-  st_.resize(static_cast<std::size_t>(out));
-  if (out > 0 && produces_value(in.op)) st_[static_cast<std::size_t>(out - 1)] = info_result_;
+  const double result_bound = out > 0 && produces_value(in.op) ? bound_after(i, d) : kUnbounded;
+  const bool pooled_now = in.op == OP_PUSH_CONST && pool_next_;
+  pool_next_ = false;
+  resize_slots(out);
+  if (out > 0 && produces_value(in.op)) {
+    const auto top = static_cast<std::size_t>(out - 1);
+    st_[top] = info_result_;
+    bd_[top] = result_bound;
+    pooled_[top] = pooled_now;
+    ab_[top] = RSP;
+    kk_[top] = false;
+    if (in.op == OP_PUSH_CONST && in.type <= values::kInt64) {
+      kk_[top] = true;
+      kv_[top] = static_cast<std::int64_t>(in.operand);
+    } else if (in.op == OP_PUSH_VAR && unrolled_var_ && info(i).d == unrolled_var_) {
+      kk_[top] = true;
+      kv_[top] = unrolled_value_;
+    }
+  }
   // An array store's element is addressed as soon as its subscripts are known.
   if (info(i).store_addr > 0) {
     const int n = info(i).store_addr;
     const int j = info(i).id;
-    element_address(out - n, n, info(j).d, ins(j).type);
-    a.mov(g(out - n), RAX);
+    ab_[static_cast<std::size_t>(out - n)] = RSP;
+    if (!element_address(out - n, n, info(j).d, ins(j).type, g(out - n))) a.mov(g(out - n), RAX);
     st_[static_cast<std::size_t>(out - n)] = ValType{values::kInt64, 0};
   }
   return true;
@@ -1180,6 +1719,52 @@ int back_target(const Instr& in, int i) {
 void Gen::plan_loops() {
   const int n = count();
   loop_head_.assign(static_cast<std::size_t>(n), -1);
+  for_const_.assign(rc_.fors.size(), ForConst{});
+  elide_.assign(static_cast<std::size_t>(n), false);
+  for (int i = 0; i < n; ++i)
+    if (depth_[i] >= 0 && ins(i).op == OP_STORE_VAR) region_stored_.push_back(info(i).d);
+  for (int i = 0; i < n; ++i) {
+    if (depth_[i] < 0 || ins(i).op != OP_FOR) continue;
+    // An expression that ends in a literal is that literal: step, limit and
+    // start are pushed in that order just before the FOR.
+    ForConst& fc = for_const_[static_cast<std::size_t>(ins(i).count)];
+    // The literal ending at instruction j (a negated one is two
+    // instructions): how many instructions it takes, 0 when it is none.
+    auto literal = [&](int j, std::int64_t* v) {
+      auto plain = [&](int k) {
+        return k >= 0 && ins(k).op == OP_PUSH_CONST && ins(k).type >= values::kInteger && ins(k).type <= values::kInt64;
+      };
+      if (plain(j)) {
+        *v = static_cast<std::int64_t>(ins(j).operand);
+        return 1;
+      }
+      if (j >= 1 && ins(j).op == OP_NEG && plain(j - 1) && static_cast<std::int64_t>(ins(j - 1).operand) != INT64_MIN) {
+        *v = -static_cast<std::int64_t>(ins(j - 1).operand);
+        return 2;
+      }
+      return 0;
+    };
+    int j = i - 1;
+    if (const int n_step = literal(j, &fc.step)) {
+      fc.step_c = true;
+      j -= n_step;
+      if (const int n_limit = literal(j, &fc.limit)) {
+        fc.limit_c = true;
+        j -= n_limit;
+        const int n_start = literal(j, &fc.start);
+        fc.start_c = n_start > 0;
+        // Three plain literals need no registers: the FOR writes them itself.
+        const std::uint8_t vt = rc_.fors[static_cast<std::size_t>(ins(i).count)].var_type;
+        const std::int64_t top = vt == values::kInteger ? 32767 : vt == values::kLong ? 2147483647 : INT64_MAX;
+        if (n_step == 1 && n_limit == 1 && n_start == 1 && fc.step != 0 && values::is_integer_type(vt) &&
+            rc_.fors[static_cast<std::size_t>(ins(i).count)].step_const &&
+            fc.start <= top && fc.start >= -top && fc.start >= INT32_MIN && fc.start <= INT32_MAX)
+          elide_[static_cast<std::size_t>(i - 1)] = elide_[static_cast<std::size_t>(i - 2)] =
+              elide_[static_cast<std::size_t>(i - 3)] = true;
+      }
+    }
+    if (fc.step_c && fc.step == 0) fc = ForConst{};
+  }
   std::vector<std::pair<int, int>> jumps;  // (from, to)
   for (int i = 0; i < n; ++i) {
     if (depth_[i] < 0) continue;
@@ -1201,6 +1786,7 @@ void Gen::plan_loops() {
     bool ok = true;
     int maxd = 1;
     std::vector<Cached> vars;
+    std::vector<const values::Descriptor*> stored, arrays;
     auto use = [&](const values::Descriptor* d, std::uint8_t type) {
       if (!d || !(values::is_integer_type(type) || type == values::kSingle || type == values::kDouble)) return;
       for (Cached& c : vars)
@@ -1219,6 +1805,10 @@ void Gen::plan_loops() {
       (void)stack_effect(in, depth_[j], &out);
       maxd = std::max({maxd, depth_[j], out});
       if (in.op == OP_PUSH_VAR || in.op == OP_STORE_VAR) use(info(j).d, in.type);
+      if (in.op == OP_STORE_VAR) stored.push_back(info(j).d);
+      if ((in.op == OP_LOAD_ELEM || in.op == OP_STORE_ELEM) && in.count == 1 && info(j).d &&
+          std::find(arrays.begin(), arrays.end(), info(j).d) == arrays.end())
+        arrays.push_back(info(j).d);
       if (in.op == OP_NEXT) {
         const ForInfo& f = rc_.fors[static_cast<std::size_t>(in.count)];
         use(f.d, f.var_type);
@@ -1226,15 +1816,22 @@ void Gen::plan_loops() {
     }
     for (const auto& [from, to] : jumps)
       if ((from < s || from > e) && to >= s && to <= e) ok = false;
-    if (!ok || vars.empty()) continue;
+    if (!ok) continue;
     std::stable_sort(vars.begin(), vars.end(), [](const Cached& p, const Cached& q) { return p.uses > q.uses; });
     std::vector<std::uint8_t> gprs, xmms = {X11, X12, X13, X14, X15};
     for (int k = 7; k >= maxd; --k) {
       gprs.push_back(GPR_SLOT[k]);
       xmms.push_back(XMM_SLOT[k]);
     }
-    Loop loop{s, e, {}};
+    Loop loop{s, e, {}, {}, true, std::move(stored)};
     std::size_t ng = 0, nx = 0;
+    // Arrays first: each access saves a load and two tests.
+    if (values::option_base == 0 || values::option_base == 1)
+      for (const values::Descriptor* d : arrays) {
+        if (gprs.size() - ng < 2) break;
+        loop.arrays.push_back(CachedArray{d, static_cast<Reg>(gprs[ng]), static_cast<Reg>(gprs[ng + 1])});
+        ng += 2;
+      }
     for (Cached c : vars) {
       std::vector<std::uint8_t>& pool = values::is_integer_type(c.type) ? gprs : xmms;
       std::size_t& used = values::is_integer_type(c.type) ? ng : nx;
@@ -1253,6 +1850,7 @@ bool Gen::run() {
   skip_.assign(static_cast<std::size_t>(count()), false);
   offsets.assign(static_cast<std::size_t>(count()), 0);
   epilogue_ = a.new_label();
+  plan_loops();
   prologue();
   // Statements that are branch targets (loop heads, jump targets) start on
   // 8-byte boundaries; padding elsewhere would only be executed.
@@ -1266,7 +1864,6 @@ bool Gen::run() {
       if (in.position <= static_cast<std::uint32_t>(count())) target[in.position] = true;
     }
   }
-  plan_loops();
   for (int i = 0; i < count(); ++i) {
     if (loop_head_[static_cast<std::size_t>(i)] >= 0) {
       // Entered only by falling in from above: the registers are filled here
@@ -1278,14 +1875,27 @@ bool Gen::run() {
     a.bind(labels_[static_cast<std::size_t>(i)]);
     offsets[static_cast<std::size_t>(i)] = static_cast<std::uint32_t>(a.size());
     if (depth_[i] >= 0 && !skip_[static_cast<std::size_t>(i)]) {
-      st_.resize(static_cast<std::size_t>(depth_[i]));
+      resize_slots(depth_[i]);
       if (!instruction(i)) return false;
+      if (resume_at_ >= 0) {
+        // An unrolled loop: its body and NEXT are already laid out.
+        i = resume_at_ - 1;
+        resume_at_ = -1;
+        continue;
+      }
     }
     if (in_loop_ && in_loop_->tail == i) in_loop_ = nullptr;
   }
   a.ud2();  // nothing falls off the end: the last instruction always leaves
   for (std::size_t k = 0; k < cold_.size(); ++k) cold_[k]();
   emit_epilogue();
+  a.align(8);
+  for (const auto& [key, label] : pool_) {
+    if (!key.second) a.align(8);
+    a.bind(label);
+    if (key.second) a.u32(static_cast<std::uint32_t>(key.first));
+    else a.u64(key.first);
+  }
   return a.resolve();
 }
 

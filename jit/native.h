@@ -30,6 +30,7 @@ struct ForSlot {
   std::int64_t step_i;
   double step_d;
   std::int64_t sign;
+  std::int64_t limit_in_range;  // the limit clamped to the counter's type (integer counters)
 };
 
 struct NativeFrame {

@@ -62,6 +62,12 @@ class Assembler {
   void lea_rip(Reg d, int label) { rex(true, d, 0, 0); byte(0x8D); byte(static_cast<std::uint8_t>(0x05 | (d & 7) << 3)); ref(label); }
   void cmp32_mem(const Mem& m, std::int32_t v) { alu32_mem_imm(CMP, m, v); }
   void cmp8_mem(const Mem& m, std::uint8_t v) { rm(0x80, static_cast<Reg>(7), m, false); byte(v); }
+  void store16_imm(const Mem& m, std::int16_t v) {
+    byte(0x66);
+    rm(0xC7, static_cast<Reg>(0), m, false);
+    byte(static_cast<std::uint8_t>(v));
+    byte(static_cast<std::uint8_t>(static_cast<std::uint16_t>(v) >> 8));
+  }
   void store8_imm(const Mem& m, std::uint8_t v) { rm(0xC6, static_cast<Reg>(0), m, false); byte(v); }
   void movups_store(const Mem& m, Xmm s) { rex(false, s, m.index, m.base); byte(0x0F); byte(0x11); modrm_mem(s, m); }
   void movups_load(Xmm d, const Mem& m) { rex(false, d, m.index, m.base); byte(0x0F); byte(0x10); modrm_mem(d, m); }
@@ -127,6 +133,16 @@ class Assembler {
   void cvtsd2ss(Xmm d, const Mem& m) { sse(0xF2, 0x5A, d, m); }
   void cvtsi2ss(Xmm d, Reg s) { byte(0xF3); rex(true, d, 0, s); byte(0x0F); byte(0x2A); byte(static_cast<std::uint8_t>(0xC0 | (d & 7) << 3 | (s & 7))); }
   void movd(Xmm d, Reg s) { byte(0x66); rex(false, d, 0, s); byte(0x0F); byte(0x6E); byte(static_cast<std::uint8_t>(0xC0 | (d & 7) << 3 | (s & 7))); }
+  // A scalar SSE operation (prefix, 0F, op) whose source is 4 or 8 bytes of
+  // data at a label, addressed relative to the next instruction.
+  void sse_rip(std::uint8_t prefix, std::uint8_t op, Xmm d, int label) {
+    byte(prefix);
+    rex(false, d, 0, 0);
+    byte(0x0F);
+    byte(op);
+    byte(static_cast<std::uint8_t>(0x05 | (d & 7) << 3));
+    ref(label);
+  }
   void cvtsi2sd(Xmm d, Reg s);               // from r64
   void cvttsd2si(Reg d, Xmm s);              // to r64, truncating
   void movq(Xmm d, Reg s);

@@ -62,6 +62,19 @@ TEST(Encoder, MatchesGnuAssembler) {
       {"movzx eax,al", [](Assembler& a) { a.movzx8(RAX, RAX); }, "0fb6c0"},
       {"cmp dword [r15-16],0x10003", [](Assembler& a) { a.cmp32_mem(mem(R15, -16), 0x10003); }, "41817ff003000100"},
       {"movups [rsp+32],xmm6", [](Assembler& a) { a.movups_store(mem(RSP, 32), X6); }, "0f11742420"},
+      {"mov word [r11+0x30],-2", [](Assembler& a) { a.store16_imm(mem(R11, 0x30), -2); }, "6641c74330feff"},
+      {"mulss xmm9,[rip+0]", [](Assembler& a) {
+         const int l = a.new_label();
+         a.sse_rip(0xF3, 0x59, X9, l);
+         a.bind(l);
+         (void)a.resolve();
+       }, "f3440f590d00000000"},
+      {"addsd xmm2,[rip+0]", [](Assembler& a) {
+         const int l = a.new_label();
+         a.sse_rip(0xF2, 0x58, X2, l);
+         a.bind(l);
+         (void)a.resolve();
+       }, "f20f581500000000"},
   };
   for (const Golden& g : table) {
     Assembler a;
