@@ -13,13 +13,15 @@ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAMBRIL_SANITIZE=ON
 cmake --build build-asan -j "$jobs"
 ctest --test-dir build-asan -j "$jobs" --output-on-failure
 # ThreadSanitizer over the threaded parts: PARFOR's pool and workers under
-# load, errors from many workers at once, the profiler's shared counters.
-# (The whole program is not run here: its exit still destroys statics that
-# the reader and interpreter threads may be using.)
+# load, errors from many workers at once, drawing workers, the profiler's
+# shared counters; then the whole program (window thread, stdin reader,
+# interpreter, pool, exit) on PARFOR transcripts with subroutines, drawing
+# and Esc.
 cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMBRIL_TSAN=ON >/dev/null
-cmake --build build-tsan -j "$jobs" --target tambril_unit
+cmake --build build-tsan -j "$jobs" --target tambril_unit tambril
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-  ctest --test-dir build-tsan -j "$jobs" --output-on-failure -R '^(Parfor\.|ProfileMode\.)'
+  ctest --test-dir build-tsan -j "$jobs" --output-on-failure \
+  -R '^(Parfor\.|ProfileMode\.|basic/jit/parfor_(gosub|draw|break)$)'
 # The fuzz targets (clang, ASan and UBSan): the kept regression inputs, then
 # FUZZ_SECONDS of libFuzzer each from the seed corpus (30 s in CI).
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTAMBRIL_FUZZ=ON \

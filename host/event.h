@@ -8,11 +8,11 @@ namespace host {
 
 class AutoResetEvent {
  public:
+  // Notified under the lock: a waiter that sees the state cannot return
+  // (and the event's owner end, destroying it) while this still touches it.
   void set() {
-    {
-      std::lock_guard guard(lock_);
-      state_ = true;
-    }
+    std::lock_guard guard(lock_);
+    state_ = true;
     cv_.notify_one();
   }
   // Wait until set or the timeout passes; returns true when it was set.

@@ -152,10 +152,10 @@ void calibrate() {
     }
     shell.tsc_reference = t1;
   }
-  {
-    std::lock_guard guard(cancel_lock);
-    shell.tsc_rate.store(rate ? rate : 1);
-  }
+  // Notified under the lock: the process may end as soon as a waiter sees
+  // the rate, destroying the condition variable this thread would still touch.
+  std::lock_guard guard(cancel_lock);
+  shell.tsc_rate.store(rate ? rate : 1);
   cancel_cv.notify_all();
 }
 
@@ -199,8 +199,8 @@ bool wait_interpreter_thread(unsigned ms) {
   {
     std::lock_guard guard(cancel_lock);
     cancelled = true;
+    cancel_cv.notify_all();
   }
-  cancel_cv.notify_all();
   (void)tsc_rate();  // the cut-short measurement finishes at once
   return ended;
 }

@@ -1619,11 +1619,32 @@ bool Gen::instruction(int i) {
     case OP_GOSUB_LINE: a.jmp(exit_stub(stmt_, kTransferGosub)); break;
     case OP_FALLBACK: a.jmp(exit_stub(stmt_, kTransferResume)); break;
     case OP_END: a.jmp(exit_stub(stmt_, kTransferEnd)); break;
+    case OP_PSET:
+    case OP_LINE:
+      if (in.count > 0) {
+        // PARFOR workers: the arguments are on the stack; the helper gets
+        // them in the frame, each as int64 or binary64 by its static type.
+        const int n = in.count;
+        std::int64_t float_mask = 0;
+        for (int k = 0; k < n; ++k) {
+          const int s = d - n + k;
+          if (st_[static_cast<std::size_t>(s)].is_float()) {
+            to_double(X0, s);
+            a.movsd(mem(R12, F(subs) + 8 * k), X0);
+            float_mask |= std::int64_t{1} << k;
+          } else {
+            a.store64(mem(R12, F(subs) + 8 * k), g(s));
+          }
+        }
+        call(reinterpret_cast<const void*>(&helper_draw), d - n, static_cast<std::int64_t>(in.operand), float_mask, 3);
+        a.test(RAX, RAX);
+        a.jcc(E, error_stub(kMsgNone));
+        break;
+      }
+      [[fallthrough]];
     case OP_PRINT:
     case OP_LOCATE:
     case OP_COLOR:
-    case OP_PSET:
-    case OP_LINE:
       call(reinterpret_cast<const void*>(&helper_statement), 0, static_cast<std::int64_t>(in.operand), stmt_, 3);
       a.test(RAX, RAX);
       a.jcc(E, error_stub(kMsgNone));

@@ -81,6 +81,9 @@ class Compiler {
 
   bool run(std::uint32_t line, std::uint32_t pos, const char** why);
   bool capable(std::uint32_t line, std::uint32_t pos);
+  // PARFOR bodies take the subroutines they call (and the lines those jump
+  // to) into their region: workers cannot leave native code.
+  void add_subroutines();
 
  private:
   RegionCode& R;
@@ -106,6 +109,17 @@ class Compiler {
     std::vector<LoopCtx> ctx;
   };
   std::vector<LineStart> line_starts;
+
+  // Sizes to cut back to when a subroutine's loop does not compile.
+  struct Mark {
+    std::size_t code, stmts, fors, whiles, gosubs, transfers, line_starts;
+  };
+  Mark mark() const {
+    return Mark{R.code.size(), R.stmts.size(), R.fors.size(), R.whiles.size(), R.gosubs.size(), transfers.size(),
+                line_starts.size()};
+  }
+  void cut(const Mark& m);
+  void segment(std::uint32_t target);
 
   // --- emitting --------------------------------------------------------
   int emit(std::uint8_t op, std::uint8_t type = 0, std::uint16_t count = 0, std::uint64_t operand = 0) {
@@ -175,6 +189,9 @@ class Compiler {
   Result wend_statement(const Token*& t);
   Result jump_statement(const Token*& t, bool gosub);
   Result helper_statement(const Token*& t, std::uint8_t op);
+  Result draw_statement(const Token*& t);
+  bool draw_value(const Token*& t, int* n);
+  bool draw_point(const Token*& t, std::uint64_t step_bit, std::uint64_t* shape, int* n);
   bool literal_target(const Token*& t, std::uint32_t* index);
   void fallback(std::uint32_t pos);
   void store(std::uint8_t type, Descriptor* d);
@@ -527,6 +544,114 @@ Result Compiler::helper_statement(const Token*& t, std::uint8_t op) {
   return Result::Ok;
 }
 
+bool Compiler::draw_value(const Token*& t, int* n) {
+  expr(t);
+  if (bad || ts.empty() || (!ts.back().is_int() && !ts.back().is_float())) return false;
+  ++*n;
+  return true;
+}
+
+// [STEP] (x, y)
+bool Compiler::draw_point(const Token*& t, std::uint64_t step_bit, std::uint64_t* shape, int* n) {
+  if (t->kind == core::KW_STEP) {
+    *shape |= step_bit;
+    ++t;
+  }
+  if (t->kind != '(') return false;
+  ++t;
+  if (!draw_value(t, n) || t->kind != ',') return false;
+  ++t;
+  if (!draw_value(t, n) || t->kind != ')') return false;
+  ++t;
+  return true;
+}
+
+// PSET/PRESET [STEP](x,y)[,colour | ,r,g,b] and
+// LINE [[STEP](x,y)]-[STEP](x,y) [, [colour | r,g,b] [, [B|BF] [, style]]] [, XOR]
+// with the fields sorted as the interpreter sorts them: the values are left
+// on the stack (coordinates, colour, style) and the shape says what they are.
+Result Compiler::draw_statement(const Token*& t) {
+  const std::uint8_t op = t->kind == core::KW_LINE ? OP_LINE : OP_PSET;
+  std::uint64_t shape = t->kind == core::KW_PRESET ? std::uint64_t{kDrawPreset} : op == OP_LINE ? std::uint64_t{kDrawLine} : 0;
+  int n = 0;
+  ++t;
+  if (op == OP_PSET) {
+    if (!draw_point(t, kDrawStep, &shape, &n)) return Result::Fallback;
+    int colours = 0;
+    if (t->kind == ',') {
+      ++t;
+      if (!draw_value(t, &n)) return Result::Fallback;
+      colours = 1;
+      if (t->kind == ',') {
+        ++t;
+        if (!draw_value(t, &n) || t->kind != ',') return Result::Fallback;
+        ++t;
+        if (!draw_value(t, &n)) return Result::Fallback;
+        colours = 3;
+      }
+    }
+    shape |= static_cast<std::uint64_t>(colours) << kDrawColourShift;
+  } else {
+    if (t->kind == '(' || t->kind == core::KW_STEP) {
+      shape |= kDrawHasStart;
+      if (!draw_point(t, kDrawFromStep, &shape, &n)) return Result::Fallback;
+    }
+    if (t->kind != '-') return Result::Fallback;
+    ++t;
+    if (!draw_point(t, kDrawStep, &shape, &n)) return Result::Fallback;
+    enum Field { kEmpty, kNumber, kB, kBF, kXor };
+    std::vector<Field> f;
+    while (t->kind == ',') {
+      ++t;
+      const bool word = t->kind == core::kTokIdent && (t[1].kind == ',' || at_end(t + 1));
+      if (at_end(t) || t->kind == ',') {
+        f.push_back(kEmpty);
+      } else if (word && std::strcmp(t->name(), "B") == 0) {
+        f.push_back(kB);
+        ++t;
+      } else if (word && std::strcmp(t->name(), "BF") == 0) {
+        f.push_back(kBF);
+        ++t;
+      } else if (t->kind == core::KW_XOR) {
+        f.push_back(kXor);
+        ++t;
+      } else {
+        if (!draw_value(t, &n)) return Result::Fallback;
+        f.push_back(kNumber);
+      }
+    }
+    if (!f.empty() && f.back() == kXor) {
+      shape |= kDrawXor;
+      f.pop_back();
+    }
+    auto is = [&](std::size_t k, Field kind) { return k < f.size() && f[k] == kind; };
+    std::size_t i = 0;
+    if (is(0, kNumber) && is(1, kNumber) && is(2, kNumber)) {
+      shape |= std::uint64_t{3} << kDrawColourShift;
+      i = 3;
+    } else if (is(0, kNumber) || is(0, kEmpty)) {
+      if (is(0, kNumber)) shape |= std::uint64_t{1} << kDrawColourShift;
+      i = 1;
+    }
+    if (i < f.size()) {
+      if (is(i, kB)) shape |= std::uint64_t{kDrawBoxOutline} << kDrawBoxShift;
+      else if (is(i, kBF)) shape |= std::uint64_t{kDrawBoxFilled} << kDrawBoxShift;
+      else if (!is(i, kEmpty)) return Result::Fallback;
+      ++i;
+    }
+    if (i < f.size()) {
+      if (is(i, kNumber)) shape |= kDrawStyle;
+      else if (!is(i, kEmpty)) return Result::Fallback;
+      ++i;
+    }
+    if (i < f.size()) return Result::Fallback;
+  }
+  if (!at_end(t) || n > static_cast<int>(sizeof(NativeFrame::subs) / sizeof(NativeFrame::subs[0])))
+    return Result::Fallback;
+  for (int k = 0; k < n; ++k) pop();
+  return emit(op, 0, static_cast<std::uint16_t>(n), shape) < 0 ? Result::Fallback : Result::Ok;
+}
+
 Result Compiler::if_statement(const Token*& t) {
   ++t;
   expr(t);
@@ -792,9 +917,15 @@ Result Compiler::statement(const Token*& t) {
     case core::KW_COLOR: r = helper_statement(t, OP_COLOR); break;
     // Drawing runs through the graphics statements themselves, so a drawing
     // loop stays native around them.
+    // PARFOR workers cannot enter the interpreter's statements: their
+    // drawing takes its arguments from the evaluation stack.
     case core::KW_PSET:
-    case core::KW_PRESET: r = helper_statement(t, OP_PSET); break;
-    case core::KW_LINE: r = t[1].kind == core::KW_INPUT ? Result::Fallback : helper_statement(t, OP_LINE); break;
+    case core::KW_PRESET: r = compiling_parfor ? draw_statement(t) : helper_statement(t, OP_PSET); break;
+    case core::KW_LINE:
+      r = t[1].kind == core::KW_INPUT ? Result::Fallback
+          : compiling_parfor          ? draw_statement(t)
+                                      : helper_statement(t, OP_LINE);
+      break;
     default: r = Result::Fallback; break;
   }
   if (r == Result::Ok && bad) r = Result::Fallback;
@@ -880,6 +1011,7 @@ bool Compiler::run(std::uint32_t first_line, std::uint32_t pos, const char** why
     ++line;
     pos = 0;
   }
+  if (compiling_parfor) add_subroutines();
   // Literal targets inside the region become jumps within it when the loops
   // open at both ends are the same; others leave the region.
   for (const Pending& p : transfers) {
@@ -902,6 +1034,96 @@ bool Compiler::run(std::uint32_t first_line, std::uint32_t pos, const char** why
     return false;
   }
   return true;
+}
+
+void Compiler::cut(const Mark& m) {
+  R.code.resize(m.code);
+  R.info.resize(m.code);
+  R.stmts.resize(m.stmts);
+  R.fors.resize(m.fors);
+  for (ForInfo& f : R.fors)
+    while (!f.same_var.empty() && f.same_var.back() >= static_cast<int>(m.fors)) f.same_var.pop_back();
+  R.whiles.resize(m.whiles);
+  R.gosubs.resize(m.gosubs);
+  transfers.resize(m.transfers);
+  line_starts.resize(m.line_starts);
+  loops.clear();
+  eol_jumps.clear();
+}
+
+// The lines from `target` on, appended to the region, up to a statement that
+// is not compiled, the program's end, or a line that ends in RETURN, GOTO or
+// END outside any loop (what follows it is reached by a jump, and a jumped-to
+// line gets a segment of its own). A loop that does not compile ends the
+// segment before the line that opened it.
+void Compiler::segment(std::uint32_t target) {
+  line = target;
+  loops.clear();
+  stmt = -1;
+  Mark safe = mark();
+  std::uint32_t safe_line = line;
+  for (std::uint32_t lines_done = 0;; ++line) {
+    base = core::line_tokens(line);
+    if (!base) {
+      cut(safe);
+      line = safe_line;
+      fallback(0);
+      return;
+    }
+    if (loops.empty()) {
+      safe = mark();
+      safe_line = line;
+    }
+    line_starts.push_back(LineStart{line, here(), loops});
+    const Token* t = base;
+    if_depth = 0;
+    in_branch = false;
+    eol_jumps.clear();
+    const Result r = sequence(t);
+    if (r == Result::Fail) {
+      cut(safe);
+      line = safe_line;
+      fallback(0);
+      return;
+    }
+    const bool falls_off = !eol_jumps.empty();
+    for (int j : eol_jumps) set_rel(j, here());
+    eol_jumps.clear();
+    if (r == Result::Fallback) return;
+    const std::uint8_t last = R.code.empty() ? 0 : R.code.back().op;
+    if (loops.empty() && !falls_off && (last == OP_RETURN || last == OP_GOTO_LINE || last == OP_END)) return;
+    if (line + 1 >= core::program.lines || ++lines_done >= kMaxLines) {
+      if (!loops.empty()) {
+        cut(safe);
+        line = safe_line;
+        fallback(0);
+        return;
+      }
+      int count = 0;
+      (void)core::line_tokens(line, &count);
+      stmt = -1;
+      fallback(static_cast<std::uint32_t>(count > 0 ? count - 1 : 0));
+      R.code.back().op = OP_END;
+      info(here() - 1).role = kRoleEndOfProgram;
+      return;
+    }
+  }
+}
+
+void Compiler::add_subroutines() {
+  for (std::size_t k = 0; k < transfers.size(); ++k) {
+    const std::uint32_t target = transfers[k].target_index;
+    bool covered = false;
+    for (const LineStart& ls : line_starts)
+      if (ls.line == target) covered = true;
+    if (covered) continue;
+    if (R.segments >= kMaxSegments || here() >= kMaxInstructions - 2) {
+      R.segments_full = true;
+      return;
+    }
+    ++R.segments;
+    segment(target);
+  }
 }
 
 // NEXT and WEND close loops that the statement alone does not see open.

@@ -102,6 +102,23 @@ struct DivMagic {
 DivMagic div_magic(std::int64_t d);
 void release(NativeCode* code);
 
+// PSET/PRESET and LINE compiled for PARFOR workers take their arguments from
+// the evaluation stack (coordinates, then the colour, then LINE's style);
+// the instruction's operand describes them.
+enum : std::uint64_t {
+  kDrawPreset = 1,
+  kDrawStep = 2,       // PSET's point, LINE's end point
+  kDrawFromStep = 4,   // LINE's start point
+  kDrawHasStart = 8,   // LINE (x,y)-...; without it LINE -(x,y) starts at the last point
+  kDrawColourShift = 4,  // 2 bits: 0, 1 or 3 colour values
+  kDrawBoxShift = 6,     // 2 bits
+  kDrawBoxOutline = 1,
+  kDrawBoxFilled = 2,
+  kDrawStyle = 256,
+  kDrawXor = 512,
+  kDrawLine = 1024,    // LINE (else PSET or PRESET)
+};
+
 // Runtime helpers (called from generated code).
 int helper_binop(NativeFrame* f, int op);
 int helper_unary(NativeFrame* f, int code);
@@ -109,6 +126,9 @@ int helper_f2i(NativeFrame* f);
 void* helper_element(NativeFrame* f, values::Descriptor* d, int n);
 int helper_statement(NativeFrame* f, const core::Token* t, int stmt);
 int helper_poll(NativeFrame* f);
+// Drawing in a PARFOR worker: the instruction's shape and its values in
+// f->subs (bit k of float_mask set: value k is a binary64, else an int64).
+int helper_draw(NativeFrame* f, std::int64_t shape, std::int64_t float_mask);
 // A profiled marker's countdown ran out: the next countdown, or 0 when the
 // region must hand over to the interpreter (break, events).
 std::int64_t helper_profile(NativeFrame* f, int stmt);

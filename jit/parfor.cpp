@@ -59,6 +59,7 @@ constexpr int kMaxPrivate = 512;
 constexpr std::size_t kMaxBodies = 1024;
 constexpr std::size_t kRefusalSize = 512;
 constexpr std::size_t kErrorTextSize = 96;  // 95 characters and the terminator
+constexpr int kMaxRegionFrames = 16;        // nested GOSUBs per worker iteration
 
 // --- refusals ----------------------------------------------------------------
 
@@ -153,11 +154,16 @@ class Walk {
  public:
   explicit Walk(const Loop& l) : L(l) {}
   void run();
+  // One statement of a subroutine the body calls (found by the graph walk):
+  // the same checks, except that its jumps may go anywhere the compiled
+  // graph can follow and whether it is native is the graph's question.
+  void subroutine_statement(std::uint32_t at_line, std::uint32_t pos);
 
  private:
   const Loop& L;
   std::uint32_t line = 0;
   const Token* base = nullptr;
+  bool sub = false;
 
   bool refused() const { return refusal[0] != 0; }
   void no(const Token* at, const char* reason, const char* workaround) {
@@ -220,7 +226,7 @@ void Walk::jump(const Token* stmt, const Token* number, bool gosub) {
     return;
   }
   const bool inside = index >= L.first && (index < L.next_line || (!gosub && index == L.next_line));
-  if (inside) return;
+  if (inside || gosub || sub) return;  // the compiled graph follows calls, and jumps inside subroutines
   if (gosub)
     no(stmt,
        "this GOSUB cannot stay entirely inside the native JIT, and PARFOR workers are not allowed to fall back to "
@@ -331,7 +337,7 @@ void Walk::statement(const Token* stmt, const Token* end) {
          "move END after NEXT, restructure the condition so the iteration reaches NEXT, or use FOR.");
       return;
     case core::KW_RETURN:
-      if (!L.has_gosub)
+      if (!L.has_gosub && !sub)
         no(stmt, "at least one reachable control-flow path does not return to the matching NEXT.", kPathWorkaround);
       break;
     case core::KW_GOTO:
@@ -357,7 +363,7 @@ void Walk::statement(const Token* stmt, const Token* end) {
       expression(stmt, stmt + 1, end, nullptr);
       break;
   }
-  if (refused()) return;
+  if (refused() || sub) return;
   if (!statement_capable(line, static_cast<std::uint32_t>(stmt - base)))
     no(stmt, "this statement has no fully native JIT implementation; PARFOR workers cannot fall back to the interpreter.",
        "move this command before/after PARFOR, rewrite it using JIT-supported commands, or change PARFOR to FOR.");
@@ -415,6 +421,27 @@ void Walk::run() {
       t = e;
     }
   }
+}
+
+void Walk::subroutine_statement(std::uint32_t at_line, std::uint32_t pos) {
+  line = at_line;
+  base = core::line_tokens(line);
+  if (!base || refused()) return;
+  sub = true;
+  const Token* t = base + pos;
+  if (t->kind == core::KW_IF) {
+    const Token* e = t + 1;
+    int depth = 0;
+    for (; e->kind != core::kTokEnd; ++e) {
+      if (e->kind == '(') ++depth;
+      else if (e->kind == ')') --depth;
+      else if (depth <= 0 && (e->kind == core::KW_THEN || e->kind == core::KW_GOTO)) break;
+    }
+    expression(t, t + 1, e, nullptr);
+  } else if (t->kind != core::kTokEnd) {
+    statement(t, statement_end(t + 1));
+  }
+  sub = false;
 }
 
 // --- the header --------------------------------------------------------------
@@ -540,11 +567,15 @@ Body* body_for(std::uint32_t first_line) {
   return b;
 }
 
-// The compiled graph: native from the first body statement to the matching
-// NEXT, leaving only there. Returns the statement that exits at NEXT, or -1.
-int check_graph(const Body& b, const Loop& l) {
+// The compiled graph, walked from the body's entry along every branch, loop
+// edge, jump and call: every path must stay native and come back to the
+// matching NEXT, and a subroutine's statements pass the same checks as the
+// body's. Marks the reachable instructions in *reach and returns the
+// statement that exits at NEXT, or -1 after a refusal.
+int check_graph(const Body& b, Loop& l, const Descriptor* loop_var, std::vector<char>* reach) {
+  const RegionCode& rc = b.rc;
   auto at = [&](int stmt, const char* reason, const char* workaround) {
-    const StmtInfo& s = b.rc.stmts[static_cast<std::size_t>(stmt)];
+    const StmtInfo& s = rc.stmts[static_cast<std::size_t>(stmt)];
     refuse(s.line, s.pos, reason, workaround);
   };
   const char* const native_reason =
@@ -553,64 +584,143 @@ int check_graph(const Body& b, const Loop& l) {
   const char* const native_workaround =
       "temporarily change PARFOR to FOR and use PROFILE ON MARK to find red statements, make those paths "
       "JIT-compatible, or keep the loop as FOR.";
+  const char* const path_reason = "at least one reachable control-flow path does not return to the matching NEXT.";
+  const char* const unproven_reason = "the reachable native graph could not be proven safe for all workers.";
   if (!b.compiled) {
     refuse(l.first, 0, native_reason, native_workaround);
     return -1;
   }
+  const int count = static_cast<int>(rc.code.size());
+  reach->assign(static_cast<std::size_t>(count), 0);
+  auto in_body = [&](std::uint32_t line) { return line >= l.first && line <= l.next_line; };
+  Walk source(l);
+  std::vector<char> checked(rc.stmts.size(), 0);
+  // A subroutine statement's own checks, once.
+  auto check_source = [&](int stmt) {
+    if (stmt < 0 || checked[static_cast<std::size_t>(stmt)]) return;
+    checked[static_cast<std::size_t>(stmt)] = 1;
+    const StmtInfo& s = rc.stmts[static_cast<std::size_t>(stmt)];
+    if (!in_body(s.line)) source.subroutine_statement(s.line, s.pos);
+  };
+  // (instruction, inside a subroutine): bit 1 outside, bit 2 inside.
+  std::vector<std::pair<int, bool>> work{{0, false}};
   int done = -1;
-  bool regional_gosub = false;
-  for (const Instr& in : b.rc.code)
-    if (in.op == OP_GOSUB_LOCAL) regional_gosub = true;
-  for (std::size_t i = 0; i < b.rc.code.size(); ++i) {
-    const Instr& in = b.rc.code[i];
-    const int stmt = b.rc.info[i].stmt;
+  auto rel = [&](int i) { return i + static_cast<int>(static_cast<std::int64_t>(rc.code[static_cast<std::size_t>(i)].operand)) + 1; };
+  while (!work.empty() && !refusal[0]) {
+    const auto [i, sub] = work.back();
+    work.pop_back();
+    if (i < 0 || i >= count) {
+      refuse(l.first, 0, "the native region has no valid continuation inside the program.",
+             "simplify the control flow or use FOR.");
+      break;
+    }
+    char& seen = (*reach)[static_cast<std::size_t>(i)];
+    const char bit = sub ? 2 : 1;
+    if (seen & bit) continue;
+    seen |= bit;
+    const Instr& in = rc.code[static_cast<std::size_t>(i)];
+    const int stmt = rc.info[static_cast<std::size_t>(i)].stmt;
+    // Successors are pushed in reverse, so the fall-through path is walked first.
     switch (in.op) {
+      case OP_STATEMENT:
+        check_source(stmt);
+        work.push_back({i + 1, sub});
+        break;
+      case OP_GOTO_LOCAL:
+        // From a subroutine back into the body: that iteration would reach
+        // NEXT with its GOSUB still open.
+        if (sub && !in_body(in.line) && rel(i) < count && in_body(rc.code[static_cast<std::size_t>(rel(i))].line)) {
+          at(stmt, path_reason, kPathWorkaround);
+          break;
+        }
+        [[fallthrough]];
+      case OP_JUMP:
+        work.push_back({rel(i), sub});
+        break;
+      case OP_BRANCH_FALSE:
+        work.push_back({rel(i), sub});
+        work.push_back({i + 1, sub});
+        break;
+      case OP_FOR:
+      case OP_NEXT:
+        if (in.op == OP_FOR && rc.info[static_cast<std::size_t>(i)].d == loop_var) {
+          at(stmt, unproven_reason, kPathWorkaround);
+          break;
+        }
+        work.push_back({static_cast<int>(in.position), sub});
+        work.push_back({i + 1, sub});
+        break;
+      case OP_GOSUB_LOCAL:
+        work.push_back({i + 1, sub});
+        work.push_back({rel(i), true});
+        break;
+      case OP_RETURN:
+        if (!sub) at(stmt, path_reason, kPathWorkaround);
+        break;
       case OP_FALLBACK:
         if (in.line == l.next_line && in.position == l.next_pos) {
-          done = static_cast<int>(in.operand);
-        } else {
+          if (sub) at(stmt, path_reason, kPathWorkaround);
+          else done = static_cast<int>(in.operand);
+          break;
+        }
+        check_source(stmt);
+        if (in_body(in.line) && !sub)
           refuse(in.line, in.position,
                  "this statement would force execution back into the interpreter; PARFOR workers must remain "
                  "native until their iteration finishes.",
                  "move this command before/after PARFOR, rewrite it using JIT-supported commands, or use FOR.");
-          return -1;
-        }
+        else
+          refuse(in.line, in.position,
+                 "the GOSUB target contains code that cannot remain fully native inside a PARFOR worker.",
+                 "make that subroutine JIT-compatible, move its unsupported command outside the parallel loop, or "
+                 "use FOR.");
+        break;
+      case OP_GOSUB_LINE:
+        if (rc.segments_full)
+          at(stmt, "the loop expands to more native regions than PARFOR can currently track.",
+             "split the PARFOR into smaller loops, simplify the control flow, or use FOR.");
+        else
+          at(stmt,
+             "this GOSUB cannot stay entirely inside the native JIT, and PARFOR workers are not allowed to fall "
+             "back to the interpreter.",
+             "make the GOSUB target fully JIT-compatible, move unsupported commands out of that subroutine, or use "
+             "FOR.");
         break;
       case OP_GOTO_LINE:
-      case OP_GOSUB_LINE:
+        if (sub) at(stmt, native_reason, native_workaround);
+        else at(stmt, path_reason, kPathWorkaround);
+        break;
       case OP_END:
-        if (b.rc.info[i].role == kRoleEndOfProgram) {
-          refuse(l.first, 0, "the native region has no valid continuation inside the program.",
+        if (rc.info[static_cast<std::size_t>(i)].role == kRoleEndOfProgram)
+          refuse(in.line, 0, "the native region has no valid continuation inside the program.",
                  "simplify the control flow or use FOR.");
-          return -1;
-        }
-        at(stmt, "at least one reachable control-flow path does not return to the matching NEXT.", kPathWorkaround);
-        return -1;
-      case OP_RETURN:
-        if (!regional_gosub) {
-          at(stmt, "at least one reachable control-flow path does not return to the matching NEXT.", kPathWorkaround);
-          return -1;
-        }
+        else
+          at(stmt, path_reason, kPathWorkaround);
         break;
       case OP_PSET:
       case OP_LINE:
-        // Compiled drawing runs through the interpreter's own statements,
-        // which workers may not enter.
-        at(stmt,
-           "this statement has no fully native JIT implementation; PARFOR workers cannot fall back to the "
-           "interpreter.",
-           "move this command before/after PARFOR, rewrite it using JIT-supported commands, or change PARFOR to "
-           "FOR.");
-        return -1;
+        l.draws = true;
+        work.push_back({i + 1, sub});
+        break;
       case OP_PRINT:
       case OP_LOCATE:
       case OP_COLOR:
-        at(stmt, "the reachable native graph could not be proven safe for all workers.", kPathWorkaround);
-        return -1;
+        at(stmt, unproven_reason, kPathWorkaround);
+        break;
+      case OP_STORE_VAR:
+        // Stores are disjoint because the loop variable is each iteration's own.
+        if (rc.info[static_cast<std::size_t>(i)].d == loop_var) {
+          at(stmt, unproven_reason, kPathWorkaround);
+          break;
+        }
+        work.push_back({i + 1, sub});
+        break;
       default:
+        work.push_back({i + 1, sub});
         break;
     }
   }
+  if (refusal[0]) return -1;
   if (done < 0) refuse(l.first, 0, native_reason, native_workaround);
   return done;
 }
@@ -740,6 +850,12 @@ void run_worker(Worker& w) {
         goto out;
       }
       if (plan.stop.load()) goto out;  // the poll saw the loop stopping
+      // A GOSUB hands over only when the worker's region frames are used up.
+      for (std::size_t j = 0; j < plan.rc->code.size(); ++j)
+        if (plan.rc->code[j].op == OP_GOSUB_LOCAL && plan.rc->info[j].stmt == f.exit_stmt) {
+          fail(w, "JIT nesting too deep", s.line);
+          goto out;
+        }
       fail(w, nullptr, s.line);
       goto out;
     }
@@ -848,6 +964,59 @@ bool store_shared(Descriptor* d, std::int64_t v) {
 }  // namespace
 
 const char* parfor_last_refusal() { return refusal; }
+
+int helper_draw(NativeFrame* f, std::int64_t shape, std::int64_t float_mask) {
+  int k = 0;
+  auto number = [&]() {
+    double v;
+    if (float_mask >> k & 1) std::memcpy(&v, &f->subs[k], sizeof v);
+    else v = static_cast<double>(f->subs[k]);
+    ++k;
+    return v;
+  };
+  // Colour and style fields are integers, rounded as the interpreter rounds them.
+  auto integer = [&](std::int64_t* out) {
+    const bool is_float = float_mask >> k & 1;
+    double v;
+    std::memcpy(&v, &f->subs[k], sizeof v);
+    *out = f->subs[k];
+    ++k;
+    return !is_float || values::value_to_int64(values::Value::floating(v), out);
+  };
+  auto point = [&](screen::GfxPoint* p, std::int64_t step_bit) {
+    p->step = (shape & step_bit) != 0;
+    p->x = number();
+    p->y = number();
+  };
+  auto colour = [&](screen::GfxColour* c) {
+    c->count = static_cast<int>(shape >> kDrawColourShift & 3);
+    for (int i = 0; i < c->count; ++i)
+      if (!integer(&c->v[i])) return false;
+    return true;
+  };
+  const char* e;
+  if (shape & kDrawLine) {
+    screen::GfxLine line;
+    line.has_start = (shape & kDrawHasStart) != 0;
+    if (line.has_start) point(&line.from, kDrawFromStep);
+    point(&line.to, kDrawStep);
+    if (!colour(&line.colour)) return 0;
+    line.box = static_cast<std::uint8_t>(shape >> kDrawBoxShift & 3);
+    line.has_style = (shape & kDrawStyle) != 0;
+    if (line.has_style && !integer(&line.style)) return 0;
+    line.xor_mode = (shape & kDrawXor) != 0;
+    e = screen::parallel_line(line);
+  } else {
+    screen::GfxPoint p;
+    screen::GfxColour c;
+    point(&p, kDrawStep);
+    if (!colour(&c)) return 0;
+    e = screen::parallel_pset(p, c, (shape & kDrawPreset) != 0);
+  }
+  if (!e) return 1;
+  core::raise(e);
+  return 0;
+}
 
 int parfor_poll() {
   if (self) check_break(*self);
@@ -973,7 +1142,9 @@ void stmt_parfor(const Token*& t) {
   if (refusal[0]) return refused();
   Body* b = body_for(l.first);
   if (!b || core::err.flag) return;
-  const int done = check_graph(*b, l);
+  vd = values::scalar_of(var);  // compiling may have grown the table
+  std::vector<char> reach;
+  const int done = check_graph(*b, l, vd, &reach);
   if (refusal[0]) return refused();
   // The private-variable table: every descriptor the body addresses.
   std::vector<std::uint32_t> priv;
@@ -982,9 +1153,8 @@ void stmt_parfor(const Token*& t) {
     const auto idx = static_cast<std::uint32_t>(d - values::descriptor_table());
     if (std::find(priv.begin(), priv.end(), idx) == priv.end()) priv.push_back(idx);
   };
-  for (const InstrInfo& i : b->rc.info) enter(i.d);
-  for (const ForInfo& f : b->rc.fors) enter(f.d);
-  vd = values::scalar_of(var);  // compiling may have grown the table
+  for (std::size_t i = 0; i < reach.size(); ++i)
+    if (reach[i]) enter(b->rc.info[i].d);
   enter(vd);
   if (priv.size() > kMaxPrivate) {
     refuse(hl, hp, "PARFOR needs more private scalar variables than its current 512-variable table can hold.",
@@ -1010,7 +1180,7 @@ void stmt_parfor(const Token*& t) {
     f.sentinel = MirrorEntry{0, 0, 0};
     f.for_room = core::kMaxFor;
     f.while_room = core::kMaxWhile;
-    f.gosub_room = core::kMaxGosub;
+    f.gosub_room = kMaxRegionFrames;
     f.prof_rng = w.rng;
     f.prof_weight = static_cast<std::uint64_t>(profile_interval(&f.prof_rng));
     f.prof_stmts = b->rc.stmts.data();
@@ -1038,7 +1208,9 @@ void stmt_parfor(const Token*& t) {
   plan.claimed.store(0);
   plan.error[0] = 0;
   plan.error_line = core::kDirect;
+  if (l.draws && !screen::begin_parallel_drawing()) return;
   run_loop(n);
+  if (l.draws) screen::end_parallel_drawing();
   for (int i = 0; i < n; ++i) workers[i]->rng = workers[i]->frame.prof_rng;
   if (plan.failed.load()) {
     if (plan.error[0]) {

@@ -69,7 +69,12 @@ struct RegionCode {
   std::vector<WhileInfo> whiles;
   std::vector<GosubSite> gosubs;
   std::uint32_t first_line = 0, last_line = 0;
+  // PARFOR bodies: the subroutine segments appended to the region, and
+  // whether some call target found no room.
+  int segments = 0;
+  bool segments_full = false;
 };
+constexpr int kMaxSegments = 64;
 
 // Compile from (line index, token position). False when nothing worth
 // running natively came out; `why` then says what stopped it.

@@ -12,7 +12,7 @@
 
 namespace screen {
 
-KeyQueue keys;
+KeyQueue& keys = *new KeyQueue;
 
 int scan_code_for(std::uint16_t code) {
   static const unsigned char kScan[22] = {0,  72, 80, 77, 75, 71, 79, 82, 83, 73, 81,

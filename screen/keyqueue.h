@@ -107,6 +107,9 @@ class KeyQueue {
   std::uint32_t delay_ms_ = 500, rate_hz_ = 30;
 };
 
-extern KeyQueue keys;
+// Never destroyed: the input reader is a detached thread blocked in read(),
+// which may still push a key (or report the end of input) while the process
+// runs its exit handlers.
+extern KeyQueue& keys;
 
 }  // namespace screen

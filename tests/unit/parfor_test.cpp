@@ -3,6 +3,7 @@
 // builds run these: ASan/UBSan, and ThreadSanitizer (TAMBRIL_TSAN).
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "core/direct.h"
@@ -14,7 +15,9 @@
 #include "host/platform.h"
 #include "host/shell.h"
 #include "host/ui.h"
+#include "jit/native.h"
 #include "jit/parfor.h"
+#include "screen/graphics.h"
 #include "screen/console.h"
 #include "screen/framebuffer.h"
 #include "screen/keyqueue.h"
@@ -116,6 +119,56 @@ TEST_F(Parfor, ErrorsFromManyWorkersAtOnceRaiseOneAndThePoolCarriesOn) {
       "40 NEXT I\n"
       "50 PRINT A(999)\n");
   EXPECT_NE(out.find(" 999"), std::string::npos) << out;
+}
+
+// Many workers drawing into the shared frame through a subroutine, loop
+// after loop: each row is one iteration's, so every pixel is known.
+TEST_F(Parfor, DrawingWorkersCallingSubroutinesFillTheirOwnRows) {
+  const std::string out = run(
+      "10 OPTION PARTHREADS 32\n"
+      "20 FOR R = 1 TO 10\n"
+      "30 PARFOR Y = 0 TO 767\n"
+      "40 GOSUB 200\n"
+      "50 NEXT Y\n"
+      "60 NEXT R\n"
+      "70 BAD = 0: FOR Y = 0 TO 767 STEP 7: FOR X = 0 TO 1023 STEP 31\n"
+      "80 IF POINT(X, Y) <> ((X + Y * 3 + 10) MOD 256) * 65536 + 16 THEN BAD = BAD + 1\n"
+      "90 NEXT X, Y: PRINT \"bad\"; BAD\n"
+      "100 END\n"
+      "200 LINE (0, Y)-(1023, Y), 0, 0, 0\n"
+      "210 FOR X = 0 TO 1023: PSET (X, Y), ((X + Y * 3 + R) MOD 256) * 65536 + 16: NEXT X\n"
+      "220 RETURN\n");
+  EXPECT_NE(out.find("bad 0"), std::string::npos) << out;
+}
+
+// The drawing helper of compiled worker code: its arguments as the frame
+// holds them (integers, or binary64 where the mask says so), the run-time
+// guards for a state it cannot draw in.
+TEST_F(Parfor, DrawHelperDecodesItsArgumentsAndKeepsTheGuards) {
+  core::set_thread_error_sink([](const char*) {});
+  jit::NativeFrame f{};
+  double x = 2.5, colour = 14.6;
+  std::memcpy(&f.subs[0], &x, sizeof x);
+  f.subs[1] = 3;
+  std::memcpy(&f.subs[2], &colour, sizeof colour);
+  EXPECT_EQ(jit::helper_draw(&f, std::int64_t{1} << jit::kDrawColourShift, 0b101), 0)
+      << "no parallel drawing in force: the state changed";
+  core::set_thread_error_sink(nullptr);
+  ASSERT_TRUE(screen::begin_parallel_drawing());
+  EXPECT_EQ(jit::helper_draw(&f, std::int64_t{1} << jit::kDrawColourShift, 0b101), 1);
+  // LINE (0,0)-(4,0), 255, 0, 0 with XOR: the worker's guard.
+  const std::int64_t xor_line = jit::kDrawLine | jit::kDrawHasStart | jit::kDrawXor | std::int64_t{3} << jit::kDrawColourShift;
+  static std::string raised;
+  raised.clear();
+  core::set_thread_error_sink([](const char* m) { raised = m; });
+  for (int k = 0; k < 7; ++k) f.subs[k] = k == 2 ? 4 : k == 4 ? 255 : 0;
+  EXPECT_EQ(jit::helper_draw(&f, xor_line, 0), 0);
+  EXPECT_EQ(raised, "PARFOR LINE XOR is not supported; use FOR");
+  core::set_thread_error_sink(nullptr);
+  screen::end_parallel_drawing();
+  // 2.5 rounds to 3 as the interpreter rounds pixels (halves away from 0); 14.6 to colour 15.
+  EXPECT_EQ(screen::fb.back[3 * screen::fb.pitch + 3], screen::kPalette[15]);
+  EXPECT_EQ(screen::fb.back[0], 0u) << "the XOR line drew nothing";
 }
 
 // MODE as the report shows it: all native, all interpreted, mixed with the
