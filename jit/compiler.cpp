@@ -194,6 +194,15 @@ class Compiler {
   bool draw_point(const Token*& t, std::uint64_t step_bit, std::uint64_t* shape, int* n);
   bool literal_target(const Token*& t, std::uint32_t* index);
   void fallback(std::uint32_t pos);
+  // Past the program's last line: the interpreter ends the run at the end of `line`.
+  void end_of_program(std::uint32_t line) {
+    int count = 0;
+    (void)core::line_tokens(line, &count);
+    stmt = -1;
+    fallback(static_cast<std::uint32_t>(count > 0 ? count - 1 : 0));
+    R.code.back().op = OP_END;
+    info(here() - 1).role = kRoleEndOfProgram;
+  }
   void store(std::uint8_t type, Descriptor* d);
 };
 
@@ -1000,12 +1009,7 @@ bool Compiler::run(std::uint32_t first_line, std::uint32_t pos, const char** why
     if (line + 1 >= core::program.lines || ++lines_done >= kMaxLines) {
       if (!loops.empty()) { *why = "a loop that does not close"; return false; }
       // Past the last line: the interpreter ends the run at this line's end.
-      int count = 0;
-      (void)core::line_tokens(line, &count);
-      stmt = -1;
-      fallback(static_cast<std::uint32_t>(count > 0 ? count - 1 : 0));
-      R.code.back().op = OP_END;
-      info(here() - 1).role = kRoleEndOfProgram;
+      end_of_program(line);
       break;
     }
     ++line;
@@ -1099,12 +1103,7 @@ void Compiler::segment(std::uint32_t target) {
         fallback(0);
         return;
       }
-      int count = 0;
-      (void)core::line_tokens(line, &count);
-      stmt = -1;
-      fallback(static_cast<std::uint32_t>(count > 0 ? count - 1 : 0));
-      R.code.back().op = OP_END;
-      info(here() - 1).role = kRoleEndOfProgram;
+      end_of_program(line);
       return;
     }
   }

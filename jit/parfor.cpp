@@ -51,6 +51,18 @@ bool parfor_active = false;
 
 namespace {
 
+// The THEN or GOTO that ends an IF's condition (or the line's end), outside
+// parentheses.
+const core::Token* condition_end(const core::Token* e) {
+  int depth = 0;
+  for (; e->kind != core::kTokEnd; ++e) {
+    if (e->kind == '(') ++depth;
+    else if (e->kind == ')') --depth;
+    else if (depth <= 0 && (e->kind == core::KW_THEN || e->kind == core::KW_GOTO)) break;
+  }
+  return e;
+}
+
 using core::Token;
 using values::Descriptor;
 
@@ -393,13 +405,7 @@ void Walk::run() {
       if (t->kind == core::KW_REM) break;
       if (t->kind == core::KW_IF) {
         const Token* s = t;
-        const Token* e = t + 1;
-        int depth = 0;
-        for (; e->kind != core::kTokEnd; ++e) {
-          if (e->kind == '(') ++depth;
-          else if (e->kind == ')') --depth;
-          else if (depth <= 0 && (e->kind == core::KW_THEN || e->kind == core::KW_GOTO)) break;
-        }
+        const Token* e = condition_end(t + 1);
         expression(s, s + 1, e, nullptr);
         if (!refused() && !statement_capable(line, static_cast<std::uint32_t>(s - base)))
           no(s,
@@ -430,13 +436,7 @@ void Walk::subroutine_statement(std::uint32_t at_line, std::uint32_t pos) {
   sub = true;
   const Token* t = base + pos;
   if (t->kind == core::KW_IF) {
-    const Token* e = t + 1;
-    int depth = 0;
-    for (; e->kind != core::kTokEnd; ++e) {
-      if (e->kind == '(') ++depth;
-      else if (e->kind == ')') --depth;
-      else if (depth <= 0 && (e->kind == core::KW_THEN || e->kind == core::KW_GOTO)) break;
-    }
+    const Token* e = condition_end(t + 1);
     expression(t, t + 1, e, nullptr);
   } else if (t->kind != core::kTokEnd) {
     statement(t, statement_end(t + 1));
