@@ -437,7 +437,7 @@ void run_loop(const Token* t) {
       }
     }
     // With the JIT off the offer is not even made: it would refuse every statement.
-    if (offer_compiled_region && !exec.stepping && !debug_request && jit::enabled() && offer_compiled_region(t)) {
+    if (jit::enabled() && offer_compiled_region && !exec.stepping && !debug_request && offer_compiled_region(t)) {
       values::statement_boundary();
       if (exec.jumped) {
         exec.jumped = false;

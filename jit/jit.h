@@ -11,7 +11,9 @@ namespace jit {
 // TAMBRIL_JIT_LIST=file appends a listing of every compiled region: bytecode
 // beside native offsets and bytes).
 void install();
-bool enabled();
+// Read before every statement the interpreter runs, so it is a plain flag.
+extern bool jit_on;
+inline bool enabled() { return jit_on; }
 // What compiled code depends on (program version, variable table, types,
 // OPTION BASE, the JIT switch): code made under another word is out of date.
 std::uint32_t current_mode_word();

@@ -27,6 +27,8 @@
 
 namespace jit {
 
+bool jit_on = true;
+
 const RegionCode* running_code = nullptr;
 bool profile_markers = false;
 bool compiling_parfor = false;
@@ -39,7 +41,6 @@ struct Region {
   std::vector<std::uint64_t> counts;  // PROFILE: runs per statement not yet told to the profiler
 };
 
-bool jit_on = true;
 std::uint32_t epoch = 1;
 // Never destroyed: the interpreter thread may still be inside native code
 // while the process exits, so nothing here is freed behind its back.
@@ -316,7 +317,6 @@ void install() {
   listing_path = std::getenv("TAMBRIL_JIT_LIST");
 }
 
-bool enabled() { return jit_on; }
 std::uint32_t current_mode_word() { return mode_word(); }
 std::size_t region_count() { return regions.size(); }
 

@@ -627,17 +627,13 @@ AssignFn assigner(const Node* target) {
 
 }  // namespace
 
-bool assign_statement(const Token*& t) {
+namespace {
+
+// The first runs of an assignment, and the ones that cannot be decoded: kept
+// apart so the decoded path below runs without this one's stack frame.
+[[gnu::noinline]] bool assign_statement_slow(const Token*& t) {
   const Token* name = t;
-  core::CacheSlot& s = assign_slot(name);
-  if (s.b == epoch && s.a > kNotDecodable) {
-    const Assign* a = reinterpret_cast<const Assign*>(s.a);
-    ++running;
-    const bool ok = a->run(a);
-    --running;
-    t = a->end;
-    return ok;
-  }
+  const core::CacheSlot& s = assign_slot(name);
   const bool seen = s.b == epoch && s.a == kSeenOnce;
   const bool decodable = !(s.b == epoch && s.a == kNotDecodable);
   LValue lv;
@@ -651,18 +647,10 @@ bool assign_statement(const Token*& t) {
   return true;
 }
 
-bool eval_predecoded(const Token*& t, Value* out) {
+[[gnu::noinline]] bool eval_predecoded_slow(const Token*& t, Value* out) {
   const Token* start = t;
   core::CacheSlot& s = slot_of(start);
   if (s.b == epoch) {
-    if (s.a > kNotDecodable) {
-      const Expr* e = reinterpret_cast<const Expr*>(s.a);
-      ++running;
-      const bool ok = e->root->fn(e->root, out);
-      --running;
-      t = e->end;
-      return ok;
-    }
     if (!detail::level_imp(t, out)) return false;
     if (s.a == kSeenOnce && s.b == epoch) decode(start, t);
     return true;
@@ -672,6 +660,34 @@ bool eval_predecoded(const Token*& t, Value* out) {
   // texts and DRAW strings are evaluated once and never repay it.
   s = {kSeenOnce, epoch};
   return true;
+}
+
+}  // namespace
+
+bool assign_statement(const Token*& t) {
+  const core::CacheSlot& s = assign_slot(t);
+  if (s.b == epoch && s.a > kNotDecodable) {
+    const Assign* a = reinterpret_cast<const Assign*>(s.a);
+    ++running;
+    const bool ok = a->run(a);
+    --running;
+    t = a->end;
+    return ok;
+  }
+  return assign_statement_slow(t);
+}
+
+bool eval_predecoded(const Token*& t, Value* out) {
+  const core::CacheSlot& s = slot_of(t);
+  if (s.b == epoch && s.a > kNotDecodable) {
+    const Expr* e = reinterpret_cast<const Expr*>(s.a);
+    ++running;
+    const bool ok = e->root->fn(e->root, out);
+    --running;
+    t = e->end;
+    return ok;
+  }
+  return eval_predecoded_slow(t, out);
 }
 
 void forget_predecoded() { drop_pending = true; }

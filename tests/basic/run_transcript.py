@@ -115,13 +115,32 @@ def run_once(a, sections, jit_mode):
             else:
                 sys.exit("unknown section: " + kind)
         cmd = shlex.split(a.runner) + [a.exe, "--headless"] + args
-        try:
-            p = subprocess.run(cmd, input=stdin.encode("utf-8", "surrogateescape"), capture_output=True,
-                               cwd=scratch, env=env, timeout=a.timeout)
-        except subprocess.TimeoutExpired:
-            print("TIMEOUT after %ss (JIT %s): %s" % (a.timeout, jit_mode, " ".join(cmd)))
-            return 1
-    out = p.stdout.decode("utf-8", errors="replace").replace("\r\n", "\n")
+        # Output goes to files, not pipes: under Wine a background process the
+        # run happens to start (a service, the desktop) inherits the handles and
+        # would hold a pipe open long after this process ended.
+        with tempfile.TemporaryFile() as out_f, tempfile.TemporaryFile() as err_f:
+            p = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=out_f, stderr=err_f, cwd=scratch, env=env)
+            try:
+                # The typed input is far smaller than a pipe's buffer.
+                p.stdin.write(stdin.encode("utf-8", "surrogateescape"))
+                p.stdin.close()
+            except BrokenPipeError:
+                pass
+            try:
+                p.wait(timeout=a.timeout)
+            except subprocess.TimeoutExpired:
+                print("TIMEOUT after %ss (JIT %s): %s" % (a.timeout, jit_mode, " ".join(cmd)))
+                out_f.seek(0)
+                print("output so far:\n" + out_f.read().decode("utf-8", errors="replace"))
+                # What was still running, for the next person to look at this.
+                subprocess.run(["ps", "-eo", "pid,ppid,stat,etime,args"], timeout=10)
+                p.kill()
+                p.wait()
+                return 1
+            out_f.seek(0)
+            err_f.seek(0)
+            out_bytes, err_bytes = out_f.read(), err_f.read()
+    out = out_bytes.decode("utf-8", errors="replace").replace("\r\n", "\n")
     actual = out.split("\n")
     if actual and actual[-1] == "":
         actual.pop()
@@ -141,8 +160,8 @@ def run_once(a, sections, jit_mode):
     if p.returncode != code:
         ok = False
         print("EXIT CODE %d, expected %d (JIT %s)" % (p.returncode, code, jit_mode))
-    if not ok and p.stderr:
-        print("stderr:\n" + p.stderr.decode("utf-8", errors="replace"))
+    if not ok and err_bytes:
+        print("stderr:\n" + err_bytes.decode("utf-8", errors="replace"))
     return 0 if ok else 1
 
 
