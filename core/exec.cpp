@@ -1,6 +1,7 @@
 // The run loop, control flow, pauses, trapping and events.
 #include "core/exec.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -69,7 +70,10 @@ struct ForFrame {
   std::uint32_t for_line, for_token;  // the FOR statement itself (FOR END scans from it)
   std::uint64_t serial;
 };
-ForFrame for_stack[kMaxFor];
+// A megabyte of frames, mostly never used: calloc hands out untouched zero
+// pages, where a static array of these (their values have constructors) was
+// walked once at every start.
+ForFrame* const for_stack = static_cast<ForFrame*>(std::calloc(kMaxFor, sizeof(ForFrame)));
 int for_sp = 0;
 
 struct WhileFrame {

@@ -99,6 +99,30 @@ class Gen {
   std::vector<Reg> ab_;
   std::vector<std::int32_t> ad_;
   std::vector<bool> elide_;  // per instruction: a FOR literal the FOR itself writes
+  // Per slot: the integer type of the variable or element it was loaded
+  // from unchanged (0: computed), so storing it back needs no range test.
+  std::vector<std::uint8_t> loaded_;
+  // Per slot: an integer literal not materialised, because the instruction
+  // after it takes it as an immediate operand.
+  std::vector<bool> imm_;
+  bool imm_next_ = false;
+  // The integer literal at i is the right operand of the integer operation
+  // right after it, which can encode it as a 32-bit immediate.
+  bool immediate_operand(int i, int d) const {
+    const Instr& in = ins(i);
+    if (in.type > values::kInt64 || d < 1 || !st_[static_cast<std::size_t>(d - 1)].is_int()) return false;
+    const auto v = static_cast<std::int64_t>(in.operand);
+    if (v != static_cast<std::int32_t>(v) || i + 1 >= count() || depth_[i + 1] != depth_[i] + 1 ||
+        skip_[static_cast<std::size_t>(i + 1)])
+      return false;
+    switch (ins(i + 1).op) {
+      case OP_ADD: case OP_SUB: case OP_AND: case OP_OR: case OP_XOR:
+      case OP_EQ: case OP_NE: case OP_LT: case OP_LE: case OP_GT: case OP_GE:
+        return true;
+      default:
+        return false;
+    }
+  }
   int pool_label(double v, bool single) {
     std::uint64_t bits = 0;
     if (single) {
@@ -359,8 +383,10 @@ class Gen {
         a.load64(RAX, mem(R12, F(tmp) + kValuePayload));
         r = RAX;
       }
-      const bool fits = v.is_int() && ((type == values::kInteger && v.mag <= 32767.0) ||
-                                       (type == values::kLong && v.mag <= 2147483647.0));
+      const std::uint8_t from = loaded_[static_cast<std::size_t>(d)];
+      const bool fits = v.is_int() && ((type == values::kInteger && (v.mag <= 32767.0 || from == values::kInteger)) ||
+                                       (type == values::kLong && (v.mag <= 2147483647.0 || from == values::kInteger ||
+                                                                   from == values::kLong)));
       if (fits) {
         if (type == values::kInteger) a.store16(m, r);
         else a.store32(m, r);
@@ -626,6 +652,8 @@ class Gen {
     pooled_.resize(k, false);
     ab_.resize(k, RSP);
     ad_.resize(k, 0);
+    loaded_.resize(k, 0);
+    imm_.resize(k, false);
   }
   bool known(int d, std::int64_t* v) const {
     if (!kk_[static_cast<std::size_t>(d)]) return false;
@@ -778,7 +806,8 @@ void Gen::compare(int i, std::uint8_t op, int d) {
   const bool fuse = i + 1 < count() && ins(i + 1).op == OP_BRANCH_FALSE && depth_[i + 1] >= 0;
   if (fuse) skip_[static_cast<std::size_t>(i + 1)] = true;
   if (ints) {
-    a.alu(Assembler::CMP, g(da), g(db));
+    if (imm_[static_cast<std::size_t>(db)]) a.alu_imm(Assembler::CMP, g(da), static_cast<std::int32_t>(kv_[static_cast<std::size_t>(db)]));
+    else a.alu(Assembler::CMP, g(da), g(db));
     Cond c;
     switch (op) {
       case OP_EQ: c = E; break;
@@ -853,10 +882,34 @@ void Gen::arith(std::uint8_t op, int d) {
   const int da = d - 2, db = d - 1;
   const ValType ta = st_[static_cast<std::size_t>(da)], tb = st_[static_cast<std::size_t>(db)];
   if (ta.is_int() && tb.is_int()) {
+    // Operands whose magnitudes are known to be small cannot overflow 64 bits.
+    const bool may_overflow = op == OP_MUL ? !(ta.mag * tb.mag < 9.0e18) : !(ta.mag + tb.mag < 9.0e18);
+    if (imm_[static_cast<std::size_t>(db)]) {
+      const auto v = static_cast<std::int32_t>(kv_[static_cast<std::size_t>(db)]);
+      switch (op) {
+        case OP_ADD: case OP_SUB:
+          a.alu_imm(op == OP_ADD ? Assembler::ADD : Assembler::SUB, g(da), v);
+          if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
+          return;
+        case OP_AND: a.alu_imm(Assembler::AND, g(da), v); return;
+        case OP_OR: a.alu_imm(Assembler::OR, g(da), v); return;
+        case OP_XOR: a.alu_imm(Assembler::XOR, g(da), v); return;
+        default: break;
+      }
+    }
     switch (op) {
-      case OP_ADD: a.alu(Assembler::ADD, g(da), g(db)); a.jcc(O, error_stub(kMsgOverflow)); return;
-      case OP_SUB: a.alu(Assembler::SUB, g(da), g(db)); a.jcc(O, error_stub(kMsgOverflow)); return;
-      case OP_MUL: a.imul(g(da), g(db)); a.jcc(O, error_stub(kMsgOverflow)); return;
+      case OP_ADD:
+        a.alu(Assembler::ADD, g(da), g(db));
+        if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
+        return;
+      case OP_SUB:
+        a.alu(Assembler::SUB, g(da), g(db));
+        if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
+        return;
+      case OP_MUL:
+        a.imul(g(da), g(db));
+        if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
+        return;
       case OP_IDIV:
       case OP_MOD: {
         a.test(g(db), g(db));
@@ -1437,6 +1490,10 @@ bool Gen::instruction(int i) {
         pool_next_ = true;
         break;
       }
+      if (immediate_operand(i, d)) {
+        imm_next_ = true;
+        break;
+      }
       if (in.type <= values::kInt64) {
         a.mov_imm(g(d), static_cast<std::int64_t>(in.operand));
       } else if (in.type == values::kSingle) {
@@ -1676,12 +1733,16 @@ bool Gen::instruction(int i) {
   const double result_bound = out > 0 && produces_value(in.op) ? bound_after(i, d) : kUnbounded;
   const bool pooled_now = in.op == OP_PUSH_CONST && pool_next_;
   pool_next_ = false;
+  const bool imm_now = in.op == OP_PUSH_CONST && imm_next_;
+  imm_next_ = false;
   resize_slots(out);
   if (out > 0 && produces_value(in.op)) {
     const auto top = static_cast<std::size_t>(out - 1);
     st_[top] = info_result_;
     bd_[top] = result_bound;
     pooled_[top] = pooled_now;
+    imm_[top] = imm_now;
+    loaded_[top] = (in.op == OP_PUSH_VAR || in.op == OP_LOAD_ELEM) && info_result_.is_int() ? info_result_.type : 0;
     ab_[top] = RSP;
     kk_[top] = false;
     if (in.op == OP_PUSH_CONST && in.type <= values::kInt64) {

@@ -59,7 +59,7 @@ struct Value {
   };
   // The payload is left as it is: values are made and dropped for every
   // operand, and only the part the type names is ever read.
-  Value() {}
+  constexpr Value() {}
   static Value integer(std::int64_t v, std::uint8_t t = kInteger) { Value r; r.type = t; r.i = v; return r; }
   static Value floating(double v, std::uint8_t t = kDouble) { Value r; r.type = t; r.d = v; return r; }
   static Value string(char* p, std::uint32_t n) { Value r; r.type = kString; r.s.ptr = p; r.s.len = n; return r; }
