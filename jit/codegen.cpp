@@ -449,7 +449,10 @@ class Gen {
   // Subscripts in slots d0..d0+n-1 to an element address in RAX (the
   // interpreter's checks in its order). Floating subscripts are rounded first.
   // Returns true when the address went straight to dst, false when it is in RAX.
-  bool element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type, Reg dst = RAX) {
+  // With `direct`, a load may instead get the element's addressing mode
+  // there (direct->base != RSP) and no address is formed.
+  bool element_address(int d0, int n, const values::Descriptor* d, std::uint8_t type, Reg dst = RAX,
+                       Mem* direct = nullptr) {
     for (int k = 0; k < n; ++k) {
       if (!st_[static_cast<std::size_t>(d0 + k)].is_float()) continue;
       to_tmp(0, d0 + k);
@@ -488,7 +491,9 @@ class Gen {
           const std::int64_t index = k - values::option_base;
           a.alu_imm(Assembler::CMP, c->count, static_cast<std::int32_t>(index));
           a.jcc(BE, slow);
-          if (dst == RAX) {
+          if (direct) {
+            *direct = mem(c->block, static_cast<std::int32_t>(16 + index * width));
+          } else if (dst == RAX) {
             a.lea(RAX, mem(c->block, static_cast<std::int32_t>(16 + index * width)));
           } else {
             ab_[static_cast<std::size_t>(d0)] = c->block;  // the store addresses it directly
@@ -499,7 +504,8 @@ class Gen {
         if (values::option_base == 0) {
           a.alu(Assembler::CMP, g(d0), c->count);
           a.jcc(AE, slow);
-          a.lea(RAX, mem(c->block, g(d0), width, 16));
+          if (direct) *direct = mem(c->block, g(d0), width, 16);
+          else a.lea(RAX, mem(c->block, g(d0), width, 16));
         } else {
           a.lea(RCX, mem(g(d0), -1));
           a.alu(Assembler::CMP, RCX, c->count);
@@ -520,7 +526,8 @@ class Gen {
         if (values::option_base == 0) {
           a.alu(Assembler::CMP, g(d0), mem(RAX, 8));
           a.jcc(A, error_stub(kMsgSubscript));
-          a.lea(RAX, mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16));
+          if (direct) *direct = mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16);
+          else a.lea(RAX, mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16));
         } else {
           a.lea(RCX, mem(g(d0), -1));
           a.alu(Assembler::CMP, RCX, mem(RAX, 8));
@@ -1712,8 +1719,9 @@ bool Gen::instruction(int i) {
     case OP_NEXT: next(i); break;
     case OP_LOAD_ELEM: {
       const int n = in.count;
-      element_address(d - n, n, info(i).d, in.type);
-      load_from(d - n, in.type, mem(RAX, 0));
+      Mem at = mem(RSP);
+      element_address(d - n, n, info(i).d, in.type, RAX, &at);
+      load_from(d - n, in.type, at.base != RSP ? at : mem(RAX, 0));
       break;
     }
     case OP_STORE_ELEM: {
