@@ -167,6 +167,25 @@ int HyperCode::mask(unsigned lanes) {
   return l;
 }
 
+// The eight components from src to dst. With AVX2 in 32-byte moves: the
+// 256-bit loads that follow then read what one store wrote (a load spanning
+// two narrower stores waits for both to retire).
+void HyperCode::copy_components(const Mem& dst, const Mem& src) {
+  auto at = [](const Mem& m, std::int32_t off) { return Mem{m.base, m.disp + kC0 + off, m.index, m.scale}; };
+  if (avx_) {
+    for (int q = 0; q < 2; ++q) {
+      a.vmovupd(Y0, at(src, 32 * q));
+      a.vmovupd(at(dst, 32 * q), Y0);
+    }
+    a.vzeroupper();
+    return;
+  }
+  for (int p = 0; p < 4; ++p) {
+    a.movupd(X0, at(src, 16 * p));
+    a.movupd(at(dst, 16 * p), X0);
+  }
+}
+
 void HyperCode::load(int s, const Mem& src) {
   const int done = a.new_label();
   a.load64(RCX, src);
@@ -177,10 +196,7 @@ void HyperCode::load(int s, const Mem& src) {
   a.mov_imm(RCX, 2);
   a.bind(done);
   a.store64(mem(R12, rec(s)), RCX);
-  for (int p = 0; p < 4; ++p) {
-    a.movupd(X0, Mem{src.base, src.disp + kC0 + 16 * p, src.index, src.scale});
-    a.movupd(component(s, 2 * p), X0);
-  }
+  copy_components(mem(R12, rec(s)), src);
 }
 
 void HyperCode::from_double(int s, Xmm v) {
@@ -286,10 +302,7 @@ void HyperCode::multiply(int s) {
   product(rec(s), rec(s + 1));
   a.load64(RAX, mem(R12, out));
   a.store64(mem(R12, rec(s)), RAX);
-  for (int p = 0; p < 4; ++p) {
-    a.movupd(X0, mem(R12, out + kC0 + 16 * p));
-    a.movupd(component(s, 2 * p), X0);
-  }
+  copy_components(mem(R12, rec(s)), mem(R12, out));
 }
 
 // x / y is x * INV(y): INV(y) = conj(y) / NORM2(y), "Division by zero" when
@@ -325,10 +338,7 @@ void HyperCode::divide(int s) {
   product(rec(s), inv);
   a.load64(RAX, mem(R12, out));
   a.store64(mem(R12, rec(s)), RAX);
-  for (int p = 0; p < 4; ++p) {
-    a.movupd(X0, mem(R12, out + kC0 + 16 * p));
-    a.movupd(component(s, 2 * p), X0);
-  }
+  copy_components(mem(R12, rec(s)), mem(R12, out));
 }
 
 // Negation flips the components below the kind, conjugation those from 1 up
@@ -380,10 +390,7 @@ void HyperCode::read_component(int s, int k, Xmm dst) {
 void HyperCode::store(int s, const Mem& dst) {
   a.load64(RCX, mem(R12, rec(s)));
   a.store64(dst, RCX);
-  for (int p = 0; p < 4; ++p) {
-    a.movupd(X0, component(s, 2 * p));
-    a.movupd(Mem{dst.base, dst.disp + kC0 + 16 * p, dst.index, dst.scale}, X0);
-  }
+  copy_components(dst, mem(R12, rec(s)));
 }
 
 void HyperCode::store_double(const Mem& dst) {

@@ -75,6 +75,7 @@ class HyperCode {
   int regs_used_ = 0;
 
   std::int32_t rec(int s) const;
+  void copy_components(const Mem& dst, const Mem& src);
   int mask(unsigned lanes);
   void kind_table(std::int32_t record, bool conj);  // RDX = the mask for its kind
   void flip_by_kind(int s, bool conj);
