@@ -22,6 +22,7 @@
 #include <map>
 
 #include "host/platform.h"
+#include "jit/codegen_hyper.h"
 #include "jit/native.h"
 #include "jit/x64.h"
 #include "values/builtins.h"
@@ -77,6 +78,9 @@ class Gen {
   std::vector<std::uint32_t> offsets;
 
  private:
+  HyperCode hyper_{a, [this](int msg) { return error_stub(msg); }};
+  bool touches_hyper(int i) const;
+  void hyper_instruction(int i, int d);
   const RegionCode& rc_;
   const int* depth_;
   std::vector<ValType> st_;   // static type per stack depth
@@ -300,12 +304,14 @@ class Gen {
 
   void spill(int live) {
     for (int d = 0; d < live; ++d) {
+      if (st_[static_cast<std::size_t>(d)].type == values::kHyper) continue;  // in the frame already
       if (st_[static_cast<std::size_t>(d)].is_float()) a.movsd(mem(R12, F(spill_f) + 8 * d), x(d));
       else a.store64(mem(R12, F(spill) + 8 * d), g(d));
     }
   }
   void reload(int live) {
     for (int d = 0; d < live; ++d) {
+      if (st_[static_cast<std::size_t>(d)].type == values::kHyper) continue;
       if (st_[static_cast<std::size_t>(d)].is_float()) a.movsd(x(d), mem(R12, F(spill_f) + 8 * d));
       else a.load64(g(d), mem(R12, F(spill) + 8 * d));
     }
@@ -446,6 +452,16 @@ class Gen {
       default: a.load64(r, m); break;
     }
   }
+  // RAX = the element `index` of an array block at `block` (elements from
+  // byte 16). @ elements (72 bytes) are past what a scaled index can say.
+  void element_lea(Reg block, Reg index, std::uint32_t width) {
+    if (width <= 8) {
+      a.lea(RAX, mem(block, index, static_cast<std::uint8_t>(width), 16));
+      return;
+    }
+    a.imul_imm(RDX, index, static_cast<std::int32_t>(width));
+    a.lea(RAX, mem(block, RDX, 1, 16));
+  }
   // Subscripts in slots d0..d0+n-1 to an element address in RAX (the
   // interpreter's checks in its order). Floating subscripts are rounded first.
   // Returns true when the address went straight to dst, false when it is in RAX.
@@ -504,13 +520,13 @@ class Gen {
         if (values::option_base == 0) {
           a.alu(Assembler::CMP, g(d0), c->count);
           a.jcc(AE, slow);
-          if (direct) *direct = mem(c->block, g(d0), width, 16);
-          else a.lea(RAX, mem(c->block, g(d0), width, 16));
+          if (direct && width <= 8) *direct = mem(c->block, g(d0), width, 16);
+          else element_lea(c->block, g(d0), width);
         } else {
           a.lea(RCX, mem(g(d0), -1));
           a.alu(Assembler::CMP, RCX, c->count);
           a.jcc(AE, slow);
-          a.lea(RAX, mem(c->block, RCX, width, 16));
+          element_lea(c->block, RCX, width);
         }
         return false;
       }
@@ -526,13 +542,13 @@ class Gen {
         if (values::option_base == 0) {
           a.alu(Assembler::CMP, g(d0), mem(RAX, 8));
           a.jcc(A, error_stub(kMsgSubscript));
-          if (direct) *direct = mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16);
-          else a.lea(RAX, mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16));
+          if (direct && width <= 8) *direct = mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16);
+          else element_lea(RAX, g(d0), width);
         } else {
           a.lea(RCX, mem(g(d0), -1));
           a.alu(Assembler::CMP, RCX, mem(RAX, 8));
           a.jcc(AE, error_stub(kMsgSubscript));
-          a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(width), 16));
+          element_lea(RAX, RCX, width);
         }
         return false;
       }
@@ -542,8 +558,7 @@ class Gen {
       a.alu(Assembler::SUB, RDX, mem(R12, F(option_base)));
       a.alu(Assembler::CMP, RCX, RDX);
       a.jcc(A, error_stub(kMsgSubscript));
-      const std::uint32_t w = values::slot_width(type);
-      a.lea(RAX, mem(RAX, RCX, static_cast<std::uint8_t>(w), 16));
+      element_lea(RAX, RCX, values::slot_width(type));
       return false;
     }
     for (int k = 0; k < n; ++k) a.store64(mem(R12, F(subs) + 8 * k), g(d0 + k));
@@ -1474,7 +1489,9 @@ bool Gen::instruction(int i) {
   cur_ = i;
   stmt_ = info(i).stmt;
   info_result_ = info(i).result;
-  switch (in.op) {
+  const bool hyper = touches_hyper(i);
+  if (hyper) hyper_instruction(i, d);
+  if (!hyper) switch (in.op) {
     case OP_STATEMENT:
       if (in.type != 0) profile_marker(i, d);
       if (info(i).role == kRoleForCheck) {
@@ -1772,6 +1789,76 @@ bool Gen::instruction(int i) {
   return true;
 }
 
+bool Gen::touches_hyper(int i) const {
+  const Instr& in = ins(i);
+  switch (in.op) {
+    case OP_PUSH_VAR: case OP_LOAD_ELEM: case OP_STORE_VAR: case OP_STORE_ELEM:
+      return in.type == values::kHyper;
+    case OP_ADD: case OP_SUB: case OP_MUL: case OP_DIV: case OP_NEG:
+      return info(i).result.type == values::kHyper;
+    case OP_CPLX: case OP_QUAT: case OP_OCT: case OP_CONJ: case OP_COMPONENT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// @ values live in the frame's records, one per stack depth; a number that
+// meets one becomes a complex record first, as the interpreter reads it.
+void Gen::hyper_instruction(int i, int d) {
+  const Instr& in = ins(i);
+  auto promote = [&](int s) {
+    if (st_[static_cast<std::size_t>(s)].type == values::kHyper) return;
+    to_double(X0, s);
+    hyper_.from_double(s, X0);
+  };
+  auto store = [&](int s, const Mem& dst) {
+    if (st_[static_cast<std::size_t>(s)].type == values::kHyper) {
+      hyper_.store(s, dst);
+    } else {
+      to_double(X0, s);
+      hyper_.store_double(dst);
+    }
+  };
+  switch (in.op) {
+    case OP_PUSH_VAR: hyper_.load(d, var(info(i).d)); break;
+    case OP_LOAD_ELEM:
+      element_address(d - in.count, in.count, info(i).d, in.type);
+      hyper_.load(d - in.count, mem(RAX, 0));
+      break;
+    case OP_ADD: case OP_SUB: case OP_MUL: case OP_DIV:
+      promote(d - 2);
+      promote(d - 1);
+      if (in.op == OP_MUL) hyper_.multiply(d - 2);
+      else if (in.op == OP_DIV) hyper_.divide(d - 2);
+      else hyper_.add_sub(d - 2, in.op == OP_SUB);
+      break;
+    case OP_NEG: hyper_.negate(d - 1); break;
+    case OP_CONJ:
+      promote(d - 1);
+      hyper_.conjugate(d - 1);
+      break;
+    case OP_CPLX: case OP_QUAT: case OP_OCT: {
+      const int n = in.op == OP_CPLX ? 2 : in.op == OP_QUAT ? 4 : 8;
+      for (int k = 0; k < n; ++k) {
+        to_double(X0, d - n + k);
+        a.movsd(hyper_.component(d - n, k), X0);
+      }
+      hyper_.finish_constructed(d - n, n);
+      break;
+    }
+    case OP_COMPONENT: hyper_.read_component(d - 1, in.type, x(d - 1)); break;
+    case OP_STORE_VAR: store(d - 1, var(info(i).d)); break;
+    case OP_STORE_ELEM: {
+      const auto at = static_cast<std::size_t>(d - 1 - in.count);
+      store(d - 1, ab_[at] != RSP ? mem(ab_[at], ad_[at]) : mem(g(d - 1 - in.count), 0));
+      break;
+    }
+    default: break;
+  }
+  load_cache();  // the vector registers may have held loop scalars
+}
+
 // The back-edge target of instruction i, or -1 when it does not jump back.
 int back_target(const Instr& in, int i) {
   if (in.op == OP_NEXT) return static_cast<int>(in.position);
@@ -1957,6 +2044,7 @@ bool Gen::run() {
   }
   a.ud2();  // nothing falls off the end: the last instruction always leaves
   for (std::size_t k = 0; k < cold_.size(); ++k) cold_[k]();
+  hyper_.finish();
   emit_epilogue();
   a.align(8);
   for (const auto& [key, label] : pool_) {

@@ -11,11 +11,13 @@
 #include "core/keywords.h"
 #include "core/program.h"
 #include "core/statements.h"
+#include "jit/codegen_hyper.h"
 #include "jit/native.h"
 #include "jit/region.h"
 #include "values/arena.h"
 #include "values/arrays.h"
 #include "values/builtins.h"
+#include "values/hyper.h"
 #include "values/ops.h"
 
 namespace jit {
@@ -70,10 +72,17 @@ ValType var_type(std::uint8_t t) {
 // The type an integer value counts as beside floating operands: INT64 when it
 // may lie outside LONG. 0 when that depends on the value (left to the interpreter).
 std::uint8_t float_rank(const ValType& v) {
+  if (v.type == values::kHyper) return 0;
   if (v.is_float()) return v.type;
   if (v.type == values::kInt64) return values::kInt64;
   return v.mag <= 2147483647.0 ? values::kLong : 0;
 }
+
+// Hypercomplex values: a number or an @ value may meet another @ value.
+// PARFOR bodies keep to numbers (workers copy only numeric scalars).
+bool hyper_ok() { return !compiling_parfor; }
+bool hyper_operand(const ValType& v) { return v.type == values::kHyper || v.is_int() || v.is_float(); }
+ValType hyper_type() { return int_type(values::kHyper, 0); }
 
 class Compiler {
  public:
@@ -175,6 +184,7 @@ class Compiler {
   void pow_operand(const Token*& t);
   void binary(std::uint8_t op);
   void unary_function(std::uint8_t op);
+  bool hyper_function(const Token*& t, const char* name);
   void subscripts(const Token*& t, int* n);
   int binary_level(const Token* t, std::uint8_t* op, int* width);
 
@@ -301,6 +311,16 @@ void Compiler::pow_operand(const Token*& t) {
 void Compiler::binary(std::uint8_t op) {
   const ValType b = pop(), a = pop();
   if (bad) return;
+  if (a.type == values::kHyper || b.type == values::kHyper) {
+    const bool product = op == OP_MUL || op == OP_DIV;
+    if (!hyper_ok() || !hyper_operand(a) || !hyper_operand(b) || (product && !hyper_products_ok()) ||
+        (op != OP_ADD && op != OP_SUB && !product)) {
+      bad = true;
+      return;
+    }
+    push(hyper_type(), emit(op));
+    return;
+  }
   ValType r;
   switch (op) {
     case OP_ADD:
@@ -346,6 +366,10 @@ void Compiler::binary(std::uint8_t op) {
 void Compiler::unary_function(std::uint8_t op) {
   const ValType a = pop();
   if (bad) return;
+  if (a.type == values::kHyper && op != OP_NEG) {
+    bad = true;
+    return;
+  }
   ValType r;
   switch (op) {
     case OP_NEG: r = a; break;
@@ -364,6 +388,38 @@ void Compiler::unary_function(std::uint8_t op) {
   if (r.is_int() && r.mag > 9223372036854775808.0) r.mag = 9223372036854775808.0;
   const int at = emit(op);
   push(r, at);
+}
+
+// CPLX, QUAT and OCT from numbers, CONJ of a number or @ value. False
+// (nothing consumed) for every other function.
+bool Compiler::hyper_function(const Token*& t, const char* name) {
+  static const struct { const char* name; std::uint8_t op; int args; } kHyperFunctions[] = {
+      {"CPLX", OP_CPLX, 2}, {"QUAT", OP_QUAT, 4}, {"OCT", OP_OCT, 8}, {"CONJ", OP_CONJ, 1}};
+  for (const auto& f : kHyperFunctions) {
+    if (std::strcmp(f.name, name) != 0) continue;
+    if (!hyper_ok() || t->kind != '(') {
+      bad = true;
+      return true;
+    }
+    ++t;
+    for (int k = 0; k < f.args; ++k) {
+      if (k > 0) {
+        if (t->kind != ',') { bad = true; return true; }
+        ++t;
+      }
+      expr(t);
+      if (bad) return true;
+      const ValType v = ts.back();
+      if (f.op == OP_CONJ ? !hyper_operand(v) : !v.is_int() && !v.is_float()) { bad = true; return true; }
+    }
+    if (t->kind != ')') { bad = true; return true; }
+    ++t;
+    for (int k = 0; k < f.args; ++k) pop();
+    push(hyper_type(), emit(f.op));
+    if (t->kind == '.') bad = true;
+    return true;
+  }
+  return false;
 }
 
 void Compiler::subscripts(const Token*& t, int* n) {
@@ -405,6 +461,7 @@ void Compiler::primary(const Token*& t) {
       const char* name = tok->name();
       if (values::find_pseudo(name) >= 0) { bad = true; return; }
       if (values::find_builtin(name) >= 0) {
+        if (hyper_function(t, name)) return;
         for (const auto& f : kFunctions) {
           if (std::strcmp(f.name, name) != 0) continue;
           if (t->kind != '(') break;
@@ -422,7 +479,7 @@ void Compiler::primary(const Token*& t) {
       }
       if (name[0] == 'F' && name[1] == 'N') { bad = true; return; }
       const std::uint8_t type = values::type_of_name(name);
-      if (!values::is_numeric_type(type)) { bad = true; return; }
+      if (!values::is_numeric_type(type) && !(type == values::kHyper && hyper_ok())) { bad = true; return; }
       if (t->kind == '(') {
         int n;
         subscripts(t, &n);
@@ -444,7 +501,15 @@ void Compiler::primary(const Token*& t) {
         if (at >= 0) info(at).d = d;
         push(var_type(type), at);
       }
-      if (t->kind == '.') bad = true;  // components belong to @ values
+      if (t->kind == '.') {
+        // One component of an @ value, as a DOUBLE.
+        const int c = type == values::kHyper && t[1].kind == core::kTokIdent ? values::component_index(t[1].name()) : -1;
+        if (c < 0) { bad = true; return; }  // the interpreter names the error
+        t += 2;
+        pop();
+        push(int_type(values::kDouble, 0), emit(OP_COMPONENT, static_cast<std::uint8_t>(c)));
+        if (t->kind == '.') bad = true;
+      }
       break;
     }
     default:
@@ -470,7 +535,7 @@ Result Compiler::assignment(const Token*& t) {
   const char* name = tok->name();
   if (values::is_read_only_name(name) || values::find_pseudo(name) >= 0) return Result::Fallback;
   const std::uint8_t type = values::type_of_name(name);
-  if (!values::is_numeric_type(type)) return Result::Fallback;
+  if (!values::is_numeric_type(type) && !(type == values::kHyper && hyper_ok())) return Result::Fallback;
   ++t;
   if (t->kind == '(') {
     int n;
@@ -483,7 +548,7 @@ Result Compiler::assignment(const Token*& t) {
     expr(t);
     if (bad || !at_end(t)) return Result::Fallback;
     const ValType v = pop();
-    if (!v.is_int() && !v.is_float()) return Result::Fallback;
+    if (!v.is_int() && !v.is_float() && !(type == values::kHyper && v.type == values::kHyper)) return Result::Fallback;
     for (int i = 0; i < n; ++i) pop();
     const int at = emit(OP_STORE_ELEM, type, static_cast<std::uint16_t>(n), reinterpret_cast<std::uint64_t>(tok));
     if (at >= 0) {
@@ -504,7 +569,8 @@ Result Compiler::assignment(const Token*& t) {
   }
   expr(t);
   if (bad || !at_end(t) || ts.size() != 1) return Result::Fallback;
-  if (!ts.back().is_int() && !ts.back().is_float()) return Result::Fallback;
+  if (!ts.back().is_int() && !ts.back().is_float() && !(type == values::kHyper && ts.back().type == values::kHyper))
+    return Result::Fallback;
   store(type, d);
   return bad ? Result::Fallback : Result::Ok;
 }

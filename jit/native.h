@@ -64,6 +64,11 @@ struct NativeFrame {
   std::uint64_t prof_weight;
   std::uint64_t prof_rng;
   std::uint64_t prof_t0;
+  // Hypercomplex values on the evaluation stack (one record per depth; the
+  // depth's registers stay unused), and a product or inverse before its
+  // check.
+  values::Hyper hyp[8];
+  values::Hyper hyp_out, hyp_inv;
 };
 
 enum : std::int32_t {

@@ -9,6 +9,8 @@ namespace jit {
 
 enum Reg : std::uint8_t { RAX, RCX, RDX, RBX, RSP, RBP, RSI, RDI, R8, R9, R10, R11, R12, R13, R14, R15 };
 enum Xmm : std::uint8_t { X0, X1, X2, X3, X4, X5, X6, X7, X8, X9, X10, X11, X12, X13, X14, X15 };
+// The same register numbers as 256-bit YMM registers (VEX.L = 1).
+enum Ymm : std::uint8_t { Y0, Y1, Y2, Y3, Y4, Y5, Y6, Y7, Y8, Y9, Y10, Y11, Y12, Y13, Y14, Y15 };
 enum Cond : std::uint8_t { O = 0, NO, B, AE, E, NE, BE, A, S, NS, P, NP, L, GE, LE, G };
 
 // [base + index * scale + disp]; index RSP means none.
@@ -148,7 +150,53 @@ class Assembler {
   void movq(Xmm d, Reg s);
   void movq(Reg d, Xmm s);
 
+  // --- packed double: SSE2 (2 lanes) and AVX/AVX2 (4 lanes, VEX) ----------
+  // Legacy SSE memory operands of packed operations must be 16-byte aligned;
+  // the loads and stores here are the unaligned forms, and VEX operations
+  // accept any address.
+  void movupd(Xmm d, const Mem& m) { sse(0x66, 0x10, d, m); }
+  void movupd(const Mem& m, Xmm s) { sse(0x66, 0x11, s, m); }
+  void addpd(Xmm d, Xmm s) { sse_rr(0x66, 0x58, d, s); }
+  void subpd(Xmm d, Xmm s) { sse_rr(0x66, 0x5C, d, s); }
+  void mulpd(Xmm d, Xmm s) { sse_rr(0x66, 0x59, d, s); }
+  void divpd(Xmm d, Xmm s) { sse_rr(0x66, 0x5E, d, s); }
+  void unpcklpd(Xmm d, Xmm s) { sse_rr(0x66, 0x14, d, s); }
+  void shufpd(Xmm d, Xmm s, std::uint8_t imm) { sse_rr(0x66, 0xC6, d, s); byte(imm); }
+  void cmppd(Xmm d, Xmm s, std::uint8_t predicate) { sse_rr(0x66, 0xC2, d, s); byte(predicate); }
+  void movmskpd(Reg d, Xmm s) { sse_rr(0x66, 0x50, d, s); }
+  void xorpd(Xmm d, const Mem& m) { sse(0x66, 0x57, d, m); }             // 16-byte aligned data
+  void xorpd_rip(Xmm d, int label) { sse_rip(0x66, 0x57, d, label); }  // 16-byte aligned data
+  void vmovupd(Ymm d, const Mem& m) { vex_m(0x10, 1, d, 0, m); }
+  void vmovupd(const Mem& m, Ymm s) { vex_m(0x11, 1, s, 0, m); }
+  void vaddpd(Ymm d, Ymm a, Ymm b) { vex_r(0x58, 1, d, a, b); }
+  void vsubpd(Ymm d, Ymm a, Ymm b) { vex_r(0x5C, 1, d, a, b); }
+  void vmulpd(Ymm d, Ymm a, Ymm b) { vex_r(0x59, 1, d, a, b); }
+  void vdivpd(Ymm d, Ymm a, Ymm b) { vex_r(0x5E, 1, d, a, b); }
+  void vxorpd(Ymm d, Ymm a, Ymm b) { vex_r(0x57, 1, d, a, b); }
+  void vxorpd(Ymm d, Ymm a, const Mem& m) { vex_m(0x57, 1, d, a, m); }
+  void vxorpd_rip(Ymm d, Ymm a, int label);
+  void vcmppd(Ymm d, Ymm a, Ymm b, std::uint8_t predicate) { vex_r(0xC2, 1, d, a, b); byte(predicate); }
+  void vmovmskpd(Reg d, Ymm s) { vex_r(0x50, 1, static_cast<Ymm>(d), Y0, s); }
+  void vbroadcastsd(Ymm d, const Mem& m) { vex_m(0x19, 2, d, 0, m); }  // AVX (memory source)
+  void vpermpd(Ymm d, const Mem& m, std::uint8_t imm) { vex_m(0x01, 3, d, 0, m, true); byte(imm); }  // AVX2
+  void vpermpd(Ymm d, Ymm s, std::uint8_t imm);                                                     // AVX2
+  void vzeroupper() { byte(0xC5); byte(0xF8); byte(0x77); }
+
  private:
+  // VEX prefix for a 256-bit operation with the 66 prefix: map 1 = 0F,
+  // 2 = 0F38, 3 = 0F3A. The two-byte form when W, X and B allow it.
+  void vex(unsigned map, bool w, unsigned reg, unsigned vvvv, unsigned index, unsigned base);
+  void vex_r(std::uint8_t op, unsigned map, Ymm d, Ymm v, Ymm s, bool w = false) {
+    vex(map, w, d, v, 0, s);
+    byte(op);
+    byte(static_cast<std::uint8_t>(0xC0 | (d & 7) << 3 | (s & 7)));
+  }
+  void vex_m(std::uint8_t op, unsigned map, unsigned reg, unsigned vvvv, const Mem& m, bool w = false) {
+    vex(map, w, reg, vvvv, m.index, m.base);
+    byte(op);
+    modrm_mem(reg, m);
+  }
+
   std::vector<std::int64_t> labels_;
   struct Ref { std::size_t at; int label; };
   std::vector<Ref> refs_;

@@ -5,7 +5,10 @@ Programs mix what compiled code runs natively (integer and floating scalars of
 every type, arrays, FOR/NEXT with any step, WHILE/WEND, one-line IF/THEN/ELSE,
 GOTO, GOSUB/RETURN, PRINT) with what makes it fall back or fail (overflow,
 division by zero, subscripts out of range, ON ERROR with RESUME NEXT, string
-statements inside loops). Many programs go to one session (NEW, lines, RUN),
+statements inside loops), and complex/quaternion/octonion values (sums,
+products and quotients of mixed kinds, components, signed zeros, overflow).
+Every batch runs three ways: JIT OFF, JIT ON, and JIT ON with AVX2 switched
+off (TAMBRIL_AVX2=OFF: the SSE2 encoding of the @ arithmetic). Many programs go to one session (NEW, lines, RUN),
 so thousands run in a few processes; a batch that differs is split down to
 the single program, which is printed.
 
@@ -21,6 +24,11 @@ import sys
 INT_VARS = ["A%", "B%", "C%", "I&", "J&", "K&&", "L&&"]
 FLT_VARS = ["X!", "Y!", "Z#", "W#", "V"]
 ARRAYS = [("P%", 10), ("Q&&", 10), ("R#", 10), ("S!", 10)]
+HYP_VARS = ["H@", "G@", "F@"]
+COMPONENTS = ["R", "I", "J", "K", "E1", "E4", "E7"]
+# The three runs: JIT OFF is the reference.
+MODES = [("OFF", {"TAMBRIL_JIT": "OFF"}), ("ON", {"TAMBRIL_JIT": "ON"}),
+         ("ON, AVX2 off", {"TAMBRIL_JIT": "ON", "TAMBRIL_AVX2": "OFF"})]
 
 
 class Gen:
@@ -76,8 +84,53 @@ class Gen:
         fn = r.choice(["ABS", "INT", "FIX", "SGN", "SQR", "SIN", "COS", "ATN", "LOG", "EXP", "CSNG", "CDBL", "TANH"])
         return "%s(%s)" % (fn, self.expr(depth + 1))
 
+    def hconst(self):
+        return self.r.choice(["0", "1", "-1", "2.5", "0#", "-0#", "0.5#", "-3", "1E200#", "1D300", "1E-200#", "7"])
+
+    def hleaf(self, depth):
+        r = self.r
+        k = r.random()
+        if k < 0.45:
+            return r.choice(HYP_VARS)
+        if k < 0.55:
+            return "U@(%d)" % r.randint(0, 4)
+        if k < 0.85:
+            n = r.choice([2, 4, 8])
+            name = {2: "CPLX", 4: "QUAT", 8: "OCT"}[n]
+            return "%s(%s)" % (name, ", ".join(self.hconst() for _ in range(n)))
+        return self.const() if r.random() < 0.5 else self.var()
+
+    def hexpr(self, depth=0):
+        r = self.r
+        if depth > 2 or r.random() < 0.35:
+            return self.hleaf(depth)
+        k = r.random()
+        if k < 0.7:
+            op = r.choice(["+", "-", "*", "*", "/"])
+            return "%s %s %s" % (self.hexpr(depth + 1), op, self.hexpr(depth + 1))
+        if k < 0.8:
+            return "(%s)" % self.hexpr(depth + 1)
+        if k < 0.9:
+            return "-" + self.hexpr(depth + 1)
+        return "CONJ(%s)" % self.hexpr(depth + 1)
+
+    def hyper(self, loopvars):
+        r = self.r
+        k = r.random()
+        if k < 0.45:
+            return "%s = %s" % (r.choice(HYP_VARS), self.hexpr())
+        if k < 0.6:
+            return "U@(%d) = %s" % (r.randint(0, 4), self.hexpr())
+        if k < 0.8:
+            return "PRINT %s" % self.hexpr(1)
+        c = r.choice(COMPONENTS)
+        target = r.choice([v for v in ["Z#", "W#", "V"] if v not in loopvars])
+        return "%s = %s.%s * 2 + %s" % (target, r.choice(HYP_VARS), c, self.expr(2))
+
     def simple(self, loopvars):
         r = self.r
+        if self.hyp and r.random() < 0.4:
+            return self.hyper(loopvars)
         k = r.random()
         if k < 0.45:
             target = self.var()
@@ -110,13 +163,18 @@ class Gen:
 
     def program(self):
         r = self.r
+        self.hyp = r.random() < 0.35
         lines = []
         n = 10
         if r.random() < 0.4:
             lines.append("%d ON ERROR GOTO 8000" % n)
             n += 10
-        lines.append("%d DIM P%%(10), Q&&(10), R#(10), S!(10)" % n)
+        lines.append("%d DIM P%%(10), Q&&(10), R#(10), S!(10), U@(4)" % n)
         n += 10
+        if self.hyp:
+            for v in HYP_VARS:
+                lines.append("%d %s = %s" % (n, v, self.hleaf(0)))
+                n += 10
         for v in INT_VARS + FLT_VARS:
             if r.random() < 0.6:
                 lines.append("%d %s = %s" % (n, v, self.const()))
@@ -159,21 +217,21 @@ class Gen:
             else:
                 lines.append("%d %s" % (n, self.simple([])))
                 n += 10
-        lines.append("%d PRINT \"END\"; A%%; I&; K&&; X!; Z#; V; P%%(3); R#(4)" % n)
+        lines.append("%d PRINT \"END\"; A%%; I&; K&&; X!; Z#; V; P%%(3); R#(4); H@; U@(1)" % n)
         lines.append("%d END" % (n + 10))
         lines.append("8000 PRINT \"ERR\"; ERR; ERL: RESUME NEXT")
         lines.append("9000 L&& = L&& + 1: RETURN")
         return lines
 
 
-def run(exe, runner, programs, jit, timeout):
+def run(exe, runner, programs, mode, timeout):
     text = []
     for i, prog in enumerate(programs):
         text.append("NEW")
         text.extend(prog)
         text.append("PRINT \"=== %d\"" % i)
         text.append("RUN")
-    env = dict(os.environ, TAMBRIL_JIT=jit)
+    env = dict(os.environ, **dict(MODES)[mode])
     cmd = shlex.split(runner) + [exe, "--headless", "--no-banner"]
     p = subprocess.run(cmd, input=("\n".join(text) + "\n").encode("latin-1"), capture_output=True,
                        env=env, timeout=timeout)
@@ -185,7 +243,8 @@ def find_difference(exe, runner, programs, timeout):
         return programs[0]
     half = len(programs) // 2
     for part in (programs[:half], programs[half:]):
-        if run(exe, runner, part, "ON", timeout) != run(exe, runner, part, "OFF", timeout):
+        outputs = [run(exe, runner, part, m, timeout) for m, _ in MODES]
+        if any(o != outputs[0] for o in outputs):
             return find_difference(exe, runner, part, timeout)
     return programs[0]
 
@@ -205,17 +264,16 @@ def main():
     done = 0
     while done < a.count:
         programs = [gen.program() for _ in range(min(a.batch, a.count - done))]
-        on = run(a.exe, a.runner, programs, "ON", a.timeout)
-        off = run(a.exe, a.runner, programs, "OFF", a.timeout)
-        if on != off:
+        outputs = [run(a.exe, a.runner, programs, m, a.timeout) for m, _ in MODES]
+        if any(o != outputs[0] for o in outputs):
             prog = find_difference(a.exe, a.runner, programs, a.timeout)
-            print("JIT ON and OFF differ (seed %d) on this program:" % seed)
+            print("JIT ON, OFF and ON with AVX2 off differ (seed %d) on this program:" % seed)
             print("\n".join(prog))
-            print("--- JIT ON\n" + run(a.exe, a.runner, [prog], "ON", a.timeout))
-            print("--- JIT OFF\n" + run(a.exe, a.runner, [prog], "OFF", a.timeout))
+            for m, _ in MODES:
+                print("--- JIT %s\n" % m + run(a.exe, a.runner, [prog], m, a.timeout))
             return 1
         done += len(programs)
-    print("%d programs, seed %d: JIT ON and OFF print the same" % (done, seed))
+    print("%d programs, seed %d: JIT ON, OFF and ON with AVX2 off print the same" % (done, seed))
     return 0
 
 

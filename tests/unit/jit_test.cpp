@@ -4,13 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
 
 #include "host/platform.h"
 #include "jit/bytecode.h"
+#include "jit/codegen_hyper.h"
 #include "jit/native.h"
 #include "jit/x64.h"
+#include "values/hyper.h"
 
 namespace jit {
 namespace {
@@ -75,6 +78,33 @@ TEST(Encoder, MatchesGnuAssembler) {
          a.bind(l);
          (void)a.resolve();
        }, "f20f581500000000"},
+      // Packed double, SSE2 and VEX (AVX/AVX2): REX.R/B of XMM8-15 and VEX's
+      // inverted R, B and vvvv, the two-byte VEX form where it suffices,
+      // W1 of vpermpd, R12 needing its SIB byte inside VEX too.
+      {"movupd xmm10,[r12+0x2e30]", [](Assembler& a) { a.movupd(X10, mem(R12, 0x2e30)); }, "66450f109424302e0000"},
+      {"movupd [rax+8],xmm1", [](Assembler& a) { a.movupd(mem(RAX, 8), X1); }, "660f114808"},
+      {"addpd xmm0,xmm1", [](Assembler& a) { a.addpd(X0, X1); }, "660f58c1"},
+      {"subpd xmm11,xmm2", [](Assembler& a) { a.subpd(X11, X2); }, "66440f5cda"},
+      {"mulpd xmm1,xmm0", [](Assembler& a) { a.mulpd(X1, X0); }, "660f59c8"},
+      {"divpd xmm0,xmm9", [](Assembler& a) { a.divpd(X0, X9); }, "66410f5ec1"},
+      {"unpcklpd xmm0,xmm0", [](Assembler& a) { a.unpcklpd(X0, X0); }, "660f14c0"},
+      {"shufpd xmm13,xmm13,1", [](Assembler& a) { a.shufpd(X13, X13, 1); }, "66450fc6ed01"},
+      {"cmpunordpd xmm0,xmm0", [](Assembler& a) { a.cmppd(X0, X0, 3); }, "660fc2c003"},
+      {"movmskpd eax,xmm0", [](Assembler& a) { a.movmskpd(RAX, X0); }, "660f50c0"},
+      {"xorpd xmm0,[rdx+16]", [](Assembler& a) { a.xorpd(X0, mem(RDX, 16)); }, "660f574210"},
+      {"vmovupd ymm0,[r12+0x2e30]", [](Assembler& a) { a.vmovupd(Y0, mem(R12, 0x2e30)); }, "c4c17d108424302e0000"},
+      {"vmovupd [r12+32],ymm11", [](Assembler& a) { a.vmovupd(mem(R12, 32), Y11); }, "c4417d115c2420"},
+      {"vaddpd ymm10,ymm10,ymm11", [](Assembler& a) { a.vaddpd(Y10, Y10, Y11); }, "c4412d58d3"},
+      {"vsubpd ymm1,ymm1,ymm1", [](Assembler& a) { a.vsubpd(Y1, Y1, Y1); }, "c5f55cc9"},
+      {"vmulpd ymm1,ymm1,ymm0", [](Assembler& a) { a.vmulpd(Y1, Y1, Y0); }, "c5f559c8"},
+      {"vdivpd ymm8,ymm9,ymm12", [](Assembler& a) { a.vdivpd(Y8, Y9, Y12); }, "c441355ec4"},
+      {"vxorpd ymm0,ymm0,[rdx+32]", [](Assembler& a) { a.vxorpd(Y0, Y0, mem(RDX, 32)); }, "c5fd574220"},
+      {"vcmpunordpd ymm0,ymm0,ymm0", [](Assembler& a) { a.vcmppd(Y0, Y0, Y0, 3); }, "c5fdc2c003"},
+      {"vmovmskpd eax,ymm0", [](Assembler& a) { a.vmovmskpd(RAX, Y0); }, "c5fd50c0"},
+      {"vbroadcastsd ymm0,[rax+56]", [](Assembler& a) { a.vbroadcastsd(Y0, mem(RAX, 56)); }, "c4e27d194038"},
+      {"vpermpd ymm11,[rcx+32],0xb1", [](Assembler& a) { a.vpermpd(Y11, mem(RCX, 32), 0xb1); }, "c463fd015920b1"},
+      {"vpermpd ymm1,ymm9,0x1b", [](Assembler& a) { a.vpermpd(Y1, Y9, 0x1b); }, "c4c3fd01c91b"},
+      {"vzeroupper", [](Assembler& a) { a.vzeroupper(); }, "c5f877"},
   };
   for (const Golden& g : table) {
     Assembler a;
@@ -227,6 +257,48 @@ TEST(DivMagic, MatchesTruncatingDivision) {
         ASSERT_EQ(quotient(v, m), v / d) << v << " / " << d;
       }
       ASSERT_EQ(quotient(n, m), n / d) << n << " / " << d;
+    }
+  }
+}
+
+// The vector layout of the hypercomplex product must be the interpreter's
+// Cayley-Dickson recursion exactly: every lane's tree of sums, evaluated the
+// way the generated code does (leaf j = x[j] * y[j ^ k], halves added with
+// their masks), gives the interpreter's bits for operands full of signed
+// zeros, cancellations and roundings.
+TEST(HyperPlan, LanesReproduceTheInterpretersProductBitForBit) {
+  const double pool[] = {0.0, -0.0, 1.0, -1.0, 0.1, -3.7, 1e300, -1e-300, 2.5, 7.0, 1.0 / 3.0};
+  std::uint64_t seed = 12345;
+  auto next = [&] {
+    seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+    return pool[(seed >> 33) % (sizeof pool / sizeof pool[0])];
+  };
+  for (int n : {2, 4, 8}) {
+    const jit::ProductPlan& plan = jit::product_plan(n);
+    ASSERT_TRUE(plan.ok) << n;
+    for (int trial = 0; trial < 2000; ++trial) {
+      values::Hyper x{}, y{}, want;
+      x.kind = y.kind = static_cast<std::uint64_t>(n);
+      for (int k = 0; k < n; ++k) {
+        x.c[k] = next();
+        y.c[k] = next();
+      }
+      values::hyper_multiply(x, y, &want);
+      for (int k = 0; k < n; ++k) {
+        std::function<double(int, int)> node = [&](int lo, int size) -> double {
+          if (size == 1) {
+            const double yy = plan.leaf_neg[lo][k] ? -y.c[lo ^ k] : y.c[lo ^ k];
+            return yy * x.c[lo];
+          }
+          double f = node(lo, size / 2), s = node(lo + size / 2, size / 2);
+          if (plan.neg_first[size][lo][k]) f = -f;
+          if (plan.neg_second[size][lo][k]) s = -s;
+          return f + s;
+        };
+        const double got = node(0, n);
+        EXPECT_EQ(std::memcmp(&got, &want.c[k], 8) == 0 || (got != got && want.c[k] != want.c[k]), true)
+            << "n=" << n << " lane " << k << " got " << got << " want " << want.c[k];
+      }
     }
   }
 }
