@@ -102,6 +102,10 @@ class Gen {
   // (a constant subscript of a register-held array); RSP when none.
   std::vector<Reg> ab_;
   std::vector<std::int32_t> ad_;
+  // ... or block register + subscript register x scale + displacement.
+  std::vector<Reg> ai_;
+  std::vector<std::uint8_t> as_;
+  Mem element_at(std::size_t k) const { return ai_[k] != RSP ? mem(ab_[k], ai_[k], as_[k], ad_[k]) : mem(ab_[k], ad_[k]); }
   std::vector<bool> elide_;  // per instruction: a FOR literal the FOR itself writes
   // Per slot: the integer type of the variable or element it was loaded
   // from unchanged (0: computed), so storing it back needs no range test.
@@ -123,6 +127,11 @@ class Gen {
       case OP_ADD: case OP_SUB: case OP_AND: case OP_OR: case OP_XOR:
       case OP_EQ: case OP_NE: case OP_LT: case OP_LE: case OP_GT: case OP_GE:
         return true;
+      case OP_STORE_ELEM: {
+        const std::uint8_t t = ins(i + 1).type;
+        return (t == values::kInteger && v == static_cast<std::int16_t>(v)) || t == values::kLong ||
+               t == values::kInt64;
+      }
       default:
         return false;
     }
@@ -526,7 +535,8 @@ class Gen {
           a.lea(RCX, mem(g(d0), -1));
           a.alu(Assembler::CMP, RCX, c->count);
           a.jcc(AE, slow);
-          element_lea(c->block, RCX, width);
+          if (direct && width <= 8) *direct = mem(c->block, g(d0), width, static_cast<std::int32_t>(16 - width));
+          else element_lea(c->block, RCX, width);
         }
         return false;
       }
@@ -674,6 +684,8 @@ class Gen {
     pooled_.resize(k, false);
     ab_.resize(k, RSP);
     ad_.resize(k, 0);
+    ai_.resize(k, RSP);
+    as_.resize(k, 1);
     loaded_.resize(k, 0);
     imm_.resize(k, false);
   }
@@ -1634,8 +1646,12 @@ bool Gen::instruction(int i) {
         // The loop's mirror entry stays while the condition is tested again:
         // the WHILE pops it when the loop ends, and an exit at the WHILE
         // statement drops it (the interpreter's WEND would have popped it).
-        a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(while_key(info(i).id)));
-        a.jcc(NE, resume_here());
+        // In a clean innermost loop the WHILE's entry is the mirror's top:
+        // its head made sure of it and nothing in the body pushes or pops.
+        if (!(in_loop_ && in_loop_->tail == i && in_loop_->clean)) {
+          a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(while_key(info(i).id)));
+          a.jcc(NE, resume_here());
+        }
         back_edge(target);
       } else if (target <= i) {
         back_edge(target);
@@ -1746,7 +1762,16 @@ bool Gen::instruction(int i) {
       // The element was addressed before the value was computed, into the
       // first subscript's register.
       const auto at = static_cast<std::size_t>(d - 1 - n);
-      store_to(d - 1, in.type, ab_[at] != RSP ? mem(ab_[at], ad_[at]) : mem(g(d - 1 - n), 0), d - 1);
+      if (imm_[static_cast<std::size_t>(d - 1)]) {
+        // A literal that fits the element's type, stored as it is.
+        const Mem m = ab_[at] != RSP ? element_at(at) : mem(g(d - 1 - n), 0);
+        const auto v = static_cast<std::int32_t>(kv_[static_cast<std::size_t>(d - 1)]);
+        if (in.type == values::kInteger) a.store16_imm(m, static_cast<std::int16_t>(v));
+        else if (in.type == values::kLong) a.store32_imm(m, v);
+        else a.store64_imm(m, v);
+      } else {
+        store_to(d - 1, in.type, ab_[at] != RSP ? element_at(at) : mem(g(d - 1 - n), 0), d - 1);
+      }
       break;
     }
     default:
@@ -1782,8 +1807,23 @@ bool Gen::instruction(int i) {
   if (info(i).store_addr > 0) {
     const int n = info(i).store_addr;
     const int j = info(i).id;
-    ab_[static_cast<std::size_t>(out - n)] = RSP;
-    if (!element_address(out - n, n, info(j).d, ins(j).type, g(out - n))) a.mov(g(out - n), RAX);
+    const auto k = static_cast<std::size_t>(out - n);
+    ab_[k] = RSP;
+    ai_[k] = RSP;
+    Mem at = mem(RSP);
+    const bool in_dst = element_address(out - n, n, info(j).d, ins(j).type, g(out - n), &at);
+    if (at.base != RSP && at.base != RAX) {
+      // Addressed from the block register when the store comes: the
+      // subscript stays in its slot until then.
+      ab_[k] = at.base;
+      ai_[k] = at.index;
+      as_[k] = at.scale;
+      ad_[k] = at.disp;
+    } else if (at.base == RAX) {
+      a.lea(g(out - n), at);
+    } else if (!in_dst) {
+      a.mov(g(out - n), RAX);
+    }
     st_[static_cast<std::size_t>(out - n)] = ValType{values::kInt64, 0};
   }
   return true;
