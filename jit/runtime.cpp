@@ -104,8 +104,10 @@ void write_listing(const Region& r) {
   std::FILE* f = std::fopen(listing_path, "a");
   if (!f) return;
   const RegionCode& rc = r.rc;
-  std::fprintf(f, "; region at line %u (%zu instructions, %zu bytes of code)\n",
-               core::line_index[rc.first_line].number, rc.code.size(), r.native.code_size);
+  // The block's address lets a sampling profile be matched to the listing.
+  std::fprintf(f, "; region at line %u (%zu instructions, %zu bytes of code at %p)\n",
+               core::line_index[rc.first_line].number, rc.code.size(), r.native.code_size,
+               static_cast<const void*>(r.native.block));
   for (std::size_t i = 0; i < rc.code.size(); ++i) {
     const Instr& in = rc.code[i];
     const std::uint32_t from = r.native.offsets[i];
