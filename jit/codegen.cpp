@@ -113,6 +113,39 @@ class Gen {
   // Per slot: an integer literal not materialised, because the instruction
   // after it takes it as an immediate operand.
   std::vector<bool> imm_;
+  // Per slot: the loop register that holds it, when it is a loop scalar
+  // whose one reader only reads it (RSP: the value is in the slot).
+  std::vector<Reg> rg_;
+  bool rg_next_ = false;
+  Reg src(int d) const { return rg_[static_cast<std::size_t>(d)] != RSP ? rg_[static_cast<std::size_t>(d)] : g(d); }
+  static bool reads_ints(std::uint8_t op) {
+    switch (op) {
+      case OP_ADD: case OP_SUB: case OP_MUL: case OP_AND: case OP_OR: case OP_XOR:
+      case OP_EQ: case OP_NE: case OP_LT: case OP_LE: case OP_GT: case OP_GE:
+        return true;
+      default:
+        return false;
+    }
+  }
+  // The cached integer scalar pushed at i is read by an instruction that
+  // takes it from its loop register: an array's single subscript, or an
+  // operand of integer arithmetic or a comparison.
+  bool forwardable(int i, int d) const {
+    if (info(i).store_addr == 1) return true;
+    if (info(i).store_addr > 0) return false;
+    const int j = i + 1;
+    if (j >= count() || depth_[j] != d + 1 || skip_[static_cast<std::size_t>(j)]) return false;
+    const Instr& nx = ins(j);
+    if (nx.op == OP_LOAD_ELEM) return nx.count == 1 && !touches_hyper(j);
+    if (reads_ints(nx.op)) return d >= 1 && st_[static_cast<std::size_t>(d - 1)].is_int() && !touches_hyper(j);
+    if ((nx.op == OP_PUSH_VAR || nx.op == OP_PUSH_CONST) && info(j).store_addr <= 0 &&
+        !elide_[static_cast<std::size_t>(j)] && info(j).result.is_int()) {
+      const int k = i + 2;
+      return k < count() && depth_[k] == d + 2 && !skip_[static_cast<std::size_t>(k)] && reads_ints(ins(k).op) &&
+             !touches_hyper(k);
+    }
+    return false;
+  }
   bool imm_next_ = false;
   // The integer literal at i is the right operand of the integer operation
   // right after it, which can encode it as a 32-bit immediate.
@@ -180,8 +213,10 @@ class Gen {
     int head, tail;
     std::vector<Cached> vars;
     std::vector<CachedArray> arrays;
-    // Entered only at its head, no other loop, GOSUB or FOR inside: the loop
-    // mirror cannot change in its body.
+    // Entered only at its head, no other loop, FOR or GOSUB inside: the loop
+    // mirror cannot change in its body. (A GOSUB that comes back natively
+    // leaves the mirror as it found it, but the subroutine may meet this
+    // loop's own statements on the way, so such loops keep their tests.)
     bool clean = false;
     std::vector<const values::Descriptor*> stored;  // scalars its body assigns
   };
@@ -492,6 +527,7 @@ class Gen {
       return false;
     }
     if (n == 1) {
+      const Reg sub = src(d0);
       if (const CachedArray* c = cached_array(d)) {
         // One unsigned comparison with the count held since the loop head;
         // a failure (or an array that was not usable there) takes the full
@@ -527,15 +563,15 @@ class Gen {
           return true;
         }
         if (values::option_base == 0) {
-          a.alu(Assembler::CMP, g(d0), c->count);
+          a.alu(Assembler::CMP, sub, c->count);
           a.jcc(AE, slow);
-          if (direct && width <= 8) *direct = mem(c->block, g(d0), width, 16);
-          else element_lea(c->block, g(d0), width);
+          if (direct && width <= 8) *direct = mem(c->block, sub, width, 16);
+          else element_lea(c->block, sub, width);
         } else {
-          a.lea(RCX, mem(g(d0), -1));
+          a.lea(RCX, mem(sub, -1));
           a.alu(Assembler::CMP, RCX, c->count);
           a.jcc(AE, slow);
-          if (direct && width <= 8) *direct = mem(c->block, g(d0), width, static_cast<std::int32_t>(16 - width));
+          if (direct && width <= 8) *direct = mem(c->block, sub, width, static_cast<std::int32_t>(16 - width));
           else element_lea(c->block, RCX, width);
         }
         return false;
@@ -550,19 +586,19 @@ class Gen {
         // OPTION BASE is part of the region's mode word: a constant here.
         // One unsigned comparison covers both bounds.
         if (values::option_base == 0) {
-          a.alu(Assembler::CMP, g(d0), mem(RAX, 8));
+          a.alu(Assembler::CMP, sub, mem(RAX, 8));
           a.jcc(A, error_stub(kMsgSubscript));
-          if (direct && width <= 8) *direct = mem(RAX, g(d0), static_cast<std::uint8_t>(width), 16);
-          else element_lea(RAX, g(d0), width);
+          if (direct && width <= 8) *direct = mem(RAX, sub, static_cast<std::uint8_t>(width), 16);
+          else element_lea(RAX, sub, width);
         } else {
-          a.lea(RCX, mem(g(d0), -1));
+          a.lea(RCX, mem(sub, -1));
           a.alu(Assembler::CMP, RCX, mem(RAX, 8));
           a.jcc(AE, error_stub(kMsgSubscript));
           element_lea(RAX, RCX, width);
         }
         return false;
       }
-      a.mov(RCX, g(d0));
+      a.mov(RCX, sub);
       a.alu(Assembler::SUB, RCX, mem(R12, F(option_base)));
       a.load64(RDX, mem(RAX, 8));
       a.alu(Assembler::SUB, RDX, mem(R12, F(option_base)));
@@ -688,6 +724,7 @@ class Gen {
     as_.resize(k, 1);
     loaded_.resize(k, 0);
     imm_.resize(k, false);
+    rg_.resize(k, RSP);
   }
   bool known(int d, std::int64_t* v) const {
     if (!kk_[static_cast<std::size_t>(d)]) return false;
@@ -840,8 +877,8 @@ void Gen::compare(int i, std::uint8_t op, int d) {
   const bool fuse = i + 1 < count() && ins(i + 1).op == OP_BRANCH_FALSE && depth_[i + 1] >= 0;
   if (fuse) skip_[static_cast<std::size_t>(i + 1)] = true;
   if (ints) {
-    if (imm_[static_cast<std::size_t>(db)]) a.alu_imm(Assembler::CMP, g(da), static_cast<std::int32_t>(kv_[static_cast<std::size_t>(db)]));
-    else a.alu(Assembler::CMP, g(da), g(db));
+    if (imm_[static_cast<std::size_t>(db)]) a.alu_imm(Assembler::CMP, src(da), static_cast<std::int32_t>(kv_[static_cast<std::size_t>(db)]));
+    else a.alu(Assembler::CMP, src(da), src(db));
     Cond c;
     switch (op) {
       case OP_EQ: c = E; break;
@@ -918,6 +955,22 @@ void Gen::arith(std::uint8_t op, int d) {
   if (ta.is_int() && tb.is_int()) {
     // Operands whose magnitudes are known to be small cannot overflow 64 bits.
     const bool may_overflow = op == OP_MUL ? !(ta.mag * tb.mag < 9.0e18) : !(ta.mag + tb.mag < 9.0e18);
+    const Reg rb = src(db);
+    if (const Reg ra = rg_[static_cast<std::size_t>(da)]; ra != RSP) {
+      // The left operand is still in its loop register: a sum that cannot
+      // overflow is formed by one LEA, anything else works on a copy.
+      const bool imm = imm_[static_cast<std::size_t>(db)];
+      const std::int64_t v = imm ? kv_[static_cast<std::size_t>(db)] : 0;
+      if (!may_overflow && op == OP_ADD) {
+        a.lea(g(da), imm ? mem(ra, static_cast<std::int32_t>(v)) : mem(ra, rb, 1, 0));
+        return;
+      }
+      if (!may_overflow && op == OP_SUB && imm && v != INT32_MIN) {
+        a.lea(g(da), mem(ra, static_cast<std::int32_t>(-v)));
+        return;
+      }
+      a.mov(g(da), ra);
+    }
     if (imm_[static_cast<std::size_t>(db)]) {
       const auto v = static_cast<std::int32_t>(kv_[static_cast<std::size_t>(db)]);
       switch (op) {
@@ -933,23 +986,23 @@ void Gen::arith(std::uint8_t op, int d) {
     }
     switch (op) {
       case OP_ADD:
-        a.alu(Assembler::ADD, g(da), g(db));
+        a.alu(Assembler::ADD, g(da), rb);
         if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
         return;
       case OP_SUB:
-        a.alu(Assembler::SUB, g(da), g(db));
+        a.alu(Assembler::SUB, g(da), rb);
         if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
         return;
       case OP_MUL:
-        a.imul(g(da), g(db));
+        a.imul(g(da), rb);
         if (may_overflow) a.jcc(O, error_stub(kMsgOverflow));
         return;
       case OP_IDIV:
       case OP_MOD: {
-        a.test(g(db), g(db));
+        a.test(rb, rb);
         a.jcc(E, error_stub(kMsgDivisionByZero));
         const int normal = a.new_label(), done = a.new_label();
-        a.alu_imm(Assembler::CMP, g(db), -1);
+        a.alu_imm(Assembler::CMP, rb, -1);
         a.jcc(NE, normal);
         if (op == OP_MOD) {
           a.mov_imm(g(da), 0);
@@ -961,14 +1014,14 @@ void Gen::arith(std::uint8_t op, int d) {
         a.bind(normal);
         a.mov(RAX, g(da));
         a.cqo();
-        a.idiv(g(db));
+        a.idiv(rb);
         a.mov(g(da), op == OP_MOD ? RDX : RAX);
         a.bind(done);
         return;
       }
-      case OP_AND: a.alu(Assembler::AND, g(da), g(db)); return;
-      case OP_OR: a.alu(Assembler::OR, g(da), g(db)); return;
-      case OP_XOR: a.alu(Assembler::XOR, g(da), g(db)); return;
+      case OP_AND: a.alu(Assembler::AND, g(da), rb); return;
+      case OP_OR: a.alu(Assembler::OR, g(da), rb); return;
+      case OP_XOR: a.alu(Assembler::XOR, g(da), rb); return;
       case OP_EQV: a.alu(Assembler::XOR, g(da), g(db)); a.not_(g(da)); return;
       case OP_IMP: a.not_(g(da)); a.alu(Assembler::OR, g(da), g(db)); return;
       default: break;
@@ -1556,8 +1609,9 @@ bool Gen::instruction(int i) {
              (i + 1 < count() && ins(i + 1).op == OP_LOAD_ELEM && ins(i + 1).count == 1 && cached_array(info(i + 1).d)));
         if (!subscript_only) a.mov_imm(g(d), unrolled_value_);
       } else if (const Cached* c = cached(info(i).d)) {
-        if (values::is_integer_type(c->type)) a.mov(g(d), static_cast<Reg>(c->reg));
-        else a.movapd(x(d), static_cast<Xmm>(c->reg));
+        if (!values::is_integer_type(c->type)) a.movapd(x(d), static_cast<Xmm>(c->reg));
+        else if (forwardable(i, d)) rg_next_ = true;
+        else a.mov(g(d), static_cast<Reg>(c->reg));
       } else {
         load_from(d, in.type, var(info(i).d));
       }
@@ -1705,6 +1759,9 @@ bool Gen::instruction(int i) {
       a.alu_imm(Assembler::SUB, RSP, 8);
       a.call(labels_[static_cast<std::size_t>(target)]);
       a.alu_imm(Assembler::ADD, RSP, 8);
+      // The subroutine may assign the loop's scalars, re-dimension its
+      // arrays, and uses the registers that held them.
+      load_cache();
       break;
     }
     case OP_RETURN:
@@ -1785,6 +1842,8 @@ bool Gen::instruction(int i) {
   pool_next_ = false;
   const bool imm_now = in.op == OP_PUSH_CONST && imm_next_;
   imm_next_ = false;
+  const bool rg_now = in.op == OP_PUSH_VAR && rg_next_;
+  rg_next_ = false;
   resize_slots(out);
   if (out > 0 && produces_value(in.op)) {
     const auto top = static_cast<std::size_t>(out - 1);
@@ -1792,6 +1851,7 @@ bool Gen::instruction(int i) {
     bd_[top] = result_bound;
     pooled_[top] = pooled_now;
     imm_[top] = imm_now;
+    rg_[top] = rg_now ? static_cast<Reg>(cached(info(i).d)->reg) : RSP;
     loaded_[top] = (in.op == OP_PUSH_VAR || in.op == OP_LOAD_ELEM) && info_result_.is_int() ? info_result_.type : 0;
     ab_[top] = RSP;
     kk_[top] = false;
@@ -1981,6 +2041,7 @@ void Gen::plan_loops() {
     if (s < 0 || loop_head_[static_cast<std::size_t>(s)] >= 0) continue;
     bool ok = true;
     int maxd = 1;
+    bool calls = false;
     std::vector<Cached> vars;
     std::vector<const values::Descriptor*> stored, arrays;
     auto use = [&](const values::Descriptor* d, std::uint8_t type) {
@@ -1996,7 +2057,8 @@ void Gen::plan_loops() {
       if (depth_[j] < 0) continue;
       const Instr& in = ins(j);
       if (j != e && back_target(in, j) >= 0) ok = false;
-      if (in.op == OP_GOSUB_LOCAL || in.op == OP_GOSUB_LINE || in.op == OP_FOR) ok = false;
+      if (in.op == OP_GOSUB_LINE || in.op == OP_FOR) ok = false;
+      if (in.op == OP_GOSUB_LOCAL) calls = true;
       int out = 0;
       (void)stack_effect(in, depth_[j], &out);
       maxd = std::max({maxd, depth_[j], out});
@@ -2019,7 +2081,7 @@ void Gen::plan_loops() {
       gprs.push_back(GPR_SLOT[k]);
       xmms.push_back(XMM_SLOT[k]);
     }
-    Loop loop{s, e, {}, {}, true, std::move(stored)};
+    Loop loop{s, e, {}, {}, !calls, std::move(stored)};
     std::size_t ng = 0, nx = 0;
     // Arrays first: each access saves a load and two tests.
     if (values::option_base == 0 || values::option_base == 1)

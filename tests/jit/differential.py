@@ -146,8 +146,16 @@ class Gen:
         if k < 0.93:
             return "IF %s THEN %s" % (self.expr(1), self.simple_flat(loopvars))
         if k < 0.97:
-            return "GOSUB 9000"
+            # Read back what the subroutines assign, before anything else
+            # could reload it.
+            return "%s: L&& = L&& + B%% + C%% + P%%(%d)" % (self.gosub(), r.randint(0, 10))
         return 'T$ = "s" + STR$(%s)' % self.expr(2)
+
+    def gosub(self):
+        # Subroutines that assign what a loop around the GOSUB may hold in
+        # registers: scalars, an array's elements, the array itself, the
+        # WHILE loops' counter.
+        return "GOSUB %d" % self.r.choice([7000, 7000, 7100, 7200, 7300])
 
     def simple_flat(self, loopvars):
         r = self.r
@@ -159,7 +167,7 @@ class Gen:
             return "%s = %s" % (target, self.expr(1))
         if k < 0.8:
             return "PRINT %s" % self.expr(1)
-        return "GOSUB 9000"
+        return self.gosub()
 
     def program(self):
         r = self.r
@@ -219,8 +227,13 @@ class Gen:
                 n += 10
         lines.append("%d PRINT \"END\"; A%%; I&; K&&; X!; Z#; V; P%%(3); R#(4); H@; U@(1)" % n)
         lines.append("%d END" % (n + 10))
+        # The subroutines come before the error handler, so that a region
+        # compiled from the main program takes them in as native calls.
+        lines.append("7000 L&& = L&& + 1: RETURN")
+        lines.append("7100 B% = B% + 1: P%(B% AND 7) = B%: Y! = Y! * 0.5: RETURN")
+        lines.append("7200 C% = C% + 1: RETURN")
+        lines.append("7300 ERASE P%: DIM P%(10): RETURN")
         lines.append("8000 PRINT \"ERR\"; ERR; ERL: RESUME NEXT")
-        lines.append("9000 L&& = L&& + 1: RETURN")
         return lines
 
 
