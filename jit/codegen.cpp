@@ -189,8 +189,11 @@ class Gen {
   int epilogue_ = -1;
   int stmt_ = 0;              // statement of the instruction in hand
   int cur_ = 0;               // the instruction in hand
-  std::map<std::pair<int, int>, int> error_stubs_;   // (stmt, msg) -> label
-  std::map<std::pair<int, int>, int> exit_stubs_;    // (stmt, code) -> label
+  struct Loop;
+  // (stmt, msg or code, the loop whose scalars the stub writes back) -> label
+  std::map<std::tuple<int, int, const Loop*>, int> error_stubs_;
+  std::map<std::tuple<int, int, const Loop*>, int> exit_stubs_;
+  std::map<std::pair<const Loop*, int>, int> way_out_;  // (loop, target) -> label
   std::vector<std::function<void()>> cold_;
   std::vector<bool> skip_;    // fused into the previous instruction
   ValType info_result_;       // the result type of the instruction in hand
@@ -201,6 +204,7 @@ class Gen {
     std::uint8_t type;
     std::uint8_t reg;  // a Reg for integer types, an Xmm for SINGLE and DOUBLE
     int uses;
+    bool dirty = false;  // assigned in the loop: written back on the way out
   };
   // An array addressed in an innermost loop: its block and its element
   // count (0 when it is not a dimensioned one-dimensional array, so that
@@ -213,12 +217,18 @@ class Gen {
     int head, tail;
     std::vector<Cached> vars;
     std::vector<CachedArray> arrays;
-    // Entered only at its head, no other loop, FOR or GOSUB inside: the loop
-    // mirror cannot change in its body. (A GOSUB that comes back natively
-    // leaves the mirror as it found it, but the subroutine may meet this
-    // loop's own statements on the way, so such loops keep their tests.)
+    // Entered only at its head, no other loop or FOR inside, and any GOSUB
+    // goes to a subroutine outside it: the loop mirror cannot change in its
+    // body. (A subroutine that comes back natively leaves the mirror as it
+    // found it: its RETURN checks that its own entry is on top.)
     bool clean = false;
+    bool calls = false;  // it has a GOSUB: the subroutine may assign anything
     std::vector<const values::Descriptor*> stored;  // scalars its body assigns
+    // Assignments stay in the registers and reach memory only where the
+    // loop's code is left: its end, a jump out, an exit to the interpreter,
+    // a helper call, a GOSUB, the poll. (Not with hypercomplex code, which
+    // borrows the registers, nor when unrolled, where memory holds the counter.)
+    bool writeback = false;
   };
   // A FOR whose start, limit or step is an integer literal.
   struct ForConst {
@@ -310,15 +320,49 @@ class Gen {
     a.alu32_mem_imm(Assembler::SUB, mem(R12, F(for_room)), 1);
     a.store8_imm(mem(R12, F(live) + slot), 1);
   }
+  const Loop* dirty_loop() const { return in_loop_ && in_loop_->writeback ? in_loop_ : nullptr; }
+  void flush_cache(const Loop* loop) {
+    if (!loop || !loop->writeback) return;
+    for (const Cached& c : loop->vars) {
+      if (!c.dirty) continue;
+      const Mem m = var(c.d);
+      switch (c.type) {
+        case values::kInteger: a.store16(m, static_cast<Reg>(c.reg)); break;
+        case values::kLong: a.store32(m, static_cast<Reg>(c.reg)); break;
+        case values::kInt64: a.store64(m, static_cast<Reg>(c.reg)); break;
+        case values::kSingle: a.movss(m, static_cast<Xmm>(c.reg)); break;
+        default: a.movsd(m, static_cast<Xmm>(c.reg)); break;
+      }
+    }
+  }
+  // The label a jump to instruction t takes: past a write-back of the
+  // loop's scalars when it leaves the loop.
+  int jump_label(int t) {
+    const int l = labels_[static_cast<std::size_t>(t)];
+    const Loop* loop = dirty_loop();
+    if (!loop || (t >= loop->head && t <= loop->tail)) return l;
+    auto it = way_out_.find({loop, t});
+    if (it != way_out_.end()) return it->second;
+    const int w = a.new_label();
+    cold_.push_back([this, w, loop, l] {
+      a.bind(w);
+      flush_cache(loop);
+      a.jmp(l);
+    });
+    way_out_[{loop, t}] = w;
+    return w;
+  }
   int error_stub(int msg) {
-    auto key = std::make_pair(stmt_, msg);
+    const Loop* loop = dirty_loop();
+    auto key = std::make_tuple(stmt_, msg, loop);
     auto it = error_stubs_.find(key);
     if (it != error_stubs_.end()) return it->second;
     const int l = a.new_label();
     const int s = stmt_;
     const int lazy = lazy_for_;
-    cold_.push_back([this, l, s, msg, lazy] {
+    cold_.push_back([this, l, s, msg, lazy, loop] {
       a.bind(l);
+      flush_cache(loop);
       lazy_for_entry(lazy);
       a.store32_imm(mem(R12, F(exit_stmt)), s);
       a.store32_imm(mem(R12, F(error_msg)), msg);
@@ -328,14 +372,18 @@ class Gen {
     error_stubs_[key] = l;
     return l;
   }
-  int exit_stub(int stmt, int code) {
-    auto key = std::make_pair(stmt, code);
+  // `flush`: the loop's registers still hold its scalars (false where a
+  // helper call has just written them back and clobbered the registers).
+  int exit_stub(int stmt, int code, bool flush = true) {
+    const Loop* loop = flush ? dirty_loop() : nullptr;
+    auto key = std::make_tuple(stmt, code, loop);
     auto it = exit_stubs_.find(key);
     if (it != exit_stubs_.end()) return it->second;
     const int l = a.new_label();
     const int lazy = lazy_for_;
-    cold_.push_back([this, l, stmt, code, lazy] {
+    cold_.push_back([this, l, stmt, code, lazy, loop] {
       a.bind(l);
+      flush_cache(loop);
       lazy_for_entry(lazy);
       a.store32_imm(mem(R12, F(exit_stmt)), stmt);
       a.mov_imm(RAX, code);
@@ -362,6 +410,7 @@ class Gen {
   }
   // Calls fn(frame, a1, a2); live slots below `live` survive. Result in RAX.
   void call(const void* fn, int live, std::int64_t a1 = 0, std::int64_t a2 = 0, int nargs = 1) {
+    flush_cache(in_loop_);
     spill(live);
     a.mov(ARG[0], R12);
     if (nargs > 1) a.mov_imm(ARG[1], a1);
@@ -421,7 +470,10 @@ class Gen {
   }
   // Store the value in slot d into a typed slot at m (the store rule). The
   // register that held the stored value (a Reg or an Xmm by type) is returned.
-  int store_to(int d, std::uint8_t type, const Mem& m, int live) {
+  // The value in slot d converted and range-checked for a variable of
+  // `type` at m, and stored there unless `to_memory` is false (a loop
+  // scalar kept in its register). Returns the register holding it.
+  int store_to(int d, std::uint8_t type, const Mem& m, int live, bool to_memory = true) {
     const ValType& v = st_[static_cast<std::size_t>(d)];
     if (values::is_integer_type(type)) {
       Reg r = g(d);
@@ -438,29 +490,29 @@ class Gen {
                                        (type == values::kLong && (v.mag <= 2147483647.0 || from == values::kInteger ||
                                                                    from == values::kLong)));
       if (fits) {
-        if (type == values::kInteger) a.store16(m, r);
-        else a.store32(m, r);
+        if (to_memory && type == values::kInteger) a.store16(m, r);
+        else if (to_memory) a.store32(m, r);
       } else if (type == values::kInteger) {
         a.sx16(RCX, r);
         a.alu(Assembler::CMP, RCX, r);
         a.jcc(NE, error_stub(kMsgOverflow));
-        a.store16(m, r);
+        if (to_memory) a.store16(m, r);
       } else if (type == values::kLong) {
         a.sx32(RCX, r);
         a.alu(Assembler::CMP, RCX, r);
         a.jcc(NE, error_stub(kMsgOverflow));
-        a.store32(m, r);
+        if (to_memory) a.store32(m, r);
       } else {
-        a.store64(m, r);
+        if (to_memory) a.store64(m, r);
       }
       return r;
     }
     if (type == values::kSingle && v.type == values::kSingle) {
-      a.movss(m, x(d));
+      if (to_memory) a.movss(m, x(d));
       return x(d);
     }
     if (type == values::kDouble && v.type == values::kDouble) {
-      a.movsd(m, x(d));
+      if (to_memory) a.movsd(m, x(d));
       return x(d);
     }
     to_double(X0, d);
@@ -474,9 +526,9 @@ class Gen {
         a.alu(Assembler::CMP, RAX, RCX);
         a.jcc(E, error_stub(kMsgOverflow));
       }
-      a.movss(m, X0);
+      if (to_memory) a.movss(m, X0);
     } else {
-      a.movsd(m, X0);
+      if (to_memory) a.movsd(m, X0);
     }
     return X0;
   }
@@ -620,13 +672,14 @@ class Gen {
     a.alu_imm(Assembler::SUB, R13, 1);
     a.jcc(NE, labels_[static_cast<std::size_t>(target)]);
     const int target_stmt = info(target).stmt;
+    flush_cache(in_loop_);
     a.mov_imm(R13, kPollInterval);
     a.mov(ARG[0], R12);
     a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
     a.call(RAX);
     a.test(RAX, RAX);
     if (in_loop_) {
-      a.jcc(NE, exit_stub(target_stmt, kTransferResume));
+      a.jcc(NE, exit_stub(target_stmt, kTransferResume, false));
       load_cache();
       a.jmp(labels_[static_cast<std::size_t>(target)]);
       return;
@@ -654,7 +707,7 @@ class Gen {
 
   // A branch-if-false at instruction bi: jump_if_false(label) emits the test.
   void branch_false(int bi, const std::function<void(int)>& jump_if_false) {
-    int target = labels_[static_cast<std::size_t>(bi + static_cast<int>(static_cast<std::int64_t>(ins(bi).operand)) + 1)];
+    int target = jump_label(bi + static_cast<int>(static_cast<std::int64_t>(ins(bi).operand)) + 1);
     const bool while_test = info(bi).role == kRoleWhileTest;
     const std::uint32_t wkey = while_test ? while_key(info(bi).id) : 0;
     if (while_test) {
@@ -1309,7 +1362,7 @@ bool Gen::unroll(int i, int d) {
       break;
     }
   if (e < 0 || loop_head_[static_cast<std::size_t>(s)] < 0) return false;
-  const Loop& loop = loops_[static_cast<std::size_t>(loop_head_[static_cast<std::size_t>(s)])];
+  Loop& loop = loops_[static_cast<std::size_t>(loop_head_[static_cast<std::size_t>(s)])];
   if (loop.tail != e || !loop.clean ||
       std::find(loop.stored.begin(), loop.stored.end(), f.d) != loop.stored.end())
     return false;
@@ -1333,6 +1386,7 @@ bool Gen::unroll(int i, int d) {
   if (after > top || after < -top) return false;
 
   for_entry(i, d, true);
+  loop.writeback = false;
   in_loop_ = &loop;
   load_cache();
   lazy_for_ = slot;
@@ -1389,7 +1443,9 @@ void Gen::next(int i) {
   // In a clean innermost loop this FOR is the mirror's top: it was pushed on
   // the way in and nothing in the body pushes or pops.
   const bool clean = in_loop_ && in_loop_->tail == i && in_loop_->clean;
-  const bool var_stored = clean && std::find(in_loop_->stored.begin(), in_loop_->stored.end(), f.d) != in_loop_->stored.end();
+  const std::vector<const values::Descriptor*>* assigned =
+      !clean ? nullptr : in_loop_->calls ? &region_stored_ : &in_loop_->stored;
+  const bool var_stored = assigned && std::find(assigned->begin(), assigned->end(), f.d) != assigned->end();
   // Only the loop on top of the mirror is stepped here; anything else is the
   // interpreter's to sort out.
   if (!clean) {
@@ -1414,13 +1470,15 @@ void Gen::next(int i) {
   }
   // A loop whose trip count is bounded by literals, with a body free of
   // loops, needs no poll of its own: the loop around it polls.
-  const bool bounded = clean && no_overflow && fc.start_c &&
+  const bool bounded = clean && !in_loop_->calls && no_overflow && fc.start_c &&
                        (fc.step > 0 ? fc.limit - fc.start : fc.start - fc.limit) / (fc.step > 0 ? fc.step : -fc.step) < 4096;
   const int done = a.new_label(), again = a.new_label();
   const Mem v = var(f.d);
   const bool int_limit = f.limit.is_int();
   const Cached* c = cached(f.d);
+  const bool in_register = c && c->dirty && in_loop_->writeback;
   auto store_counter = [&](Reg r) {
+    if (in_register) return;
     switch (f.var_type) {
       case values::kInteger: a.store16(v, r); break;
       case values::kLong: a.store32(v, r); break;
@@ -1442,11 +1500,18 @@ void Gen::next(int i) {
     const std::int64_t edge = f.var_type == values::kInteger ? (up ? 32767 : -32768) : (up ? 2147483647 : -2147483648ll);
     const std::uint8_t vt = f.var_type;
     const Mem vm = v;
-    cold_.push_back([this, leaving, overflow, up, edge, r, vt, vm, done] {
+    const std::int32_t step = static_cast<std::int32_t>(fc.step);
+    const bool undo = r != RAX;
+    cold_.push_back([this, leaving, overflow, up, edge, r, vt, vm, done, step, undo] {
       a.bind(leaving);
       a.mov_imm(RCX, edge);
       a.alu(Assembler::CMP, r, RCX);
-      a.jcc(up ? G : L, overflow);
+      const int fits = a.new_label();
+      a.jcc(up ? LE : GE, fits);
+      // The counter keeps its last value for the error (and the write-back).
+      if (undo) a.alu_imm(Assembler::SUB, r, step);
+      a.jmp(overflow);
+      a.bind(fits);
       if (vt == values::kInteger) a.store16(vm, r);
       else a.store32(vm, r);
       a.jmp(done);
@@ -1522,10 +1587,10 @@ void Gen::next(int i) {
     check_finite(X0);
     if (f.var_type == values::kSingle) {
       cvt_sd2ss(X1, X0);
-      a.movss(v, X1);
+      if (!in_register) a.movss(v, X1);
       update_cache(f.d, X1);
     } else {
-      a.movsd(v, X0);
+      if (!in_register) a.movsd(v, X0);
       update_cache(f.d, X0);
     }
   }
@@ -1692,7 +1757,12 @@ bool Gen::instruction(int i) {
       from_tmp(d - 1, info_result_);
       break;
     }
-    case OP_STORE_VAR: update_cache(info(i).d, store_to(d - 1, in.type, var(info(i).d), d - 1)); break;
+    case OP_STORE_VAR: {
+      const Cached* c = cached(info(i).d);
+      const bool in_register = c && c->dirty && in_loop_->writeback;
+      update_cache(info(i).d, store_to(d - 1, in.type, var(info(i).d), d - 1, !in_register));
+      break;
+    }
     case OP_DISCARD: break;
     case OP_JUMP: {
       const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
@@ -1710,7 +1780,7 @@ bool Gen::instruction(int i) {
       } else if (target <= i) {
         back_edge(target);
       } else {
-        a.jmp(labels_[static_cast<std::size_t>(target)]);
+        a.jmp(jump_label(target));
       }
       break;
     }
@@ -1733,10 +1803,11 @@ bool Gen::instruction(int i) {
     case OP_GOTO_LOCAL: {
       const int target = i + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
       if (target <= i) back_edge(target);
-      else a.jmp(labels_[static_cast<std::size_t>(target)]);
+      else a.jmp(jump_label(target));
       break;
     }
     case OP_GOTO_LINE:
+      flush_cache(in_loop_);
       a.store32_imm(mem(R12, F(exit_target)), static_cast<std::int32_t>(in.gen));
       a.store32_imm(mem(R12, F(exit_stmt)), stmt_);
       a.mov_imm(RAX, kTransferGoto);
@@ -1756,6 +1827,7 @@ bool Gen::instruction(int i) {
       a.alu_imm(Assembler::ADD, R15, 16);
       // No poll here: a cycle through GOSUBs alone deepens the stack until
       // it runs out, and every other cycle has a back edge that polls.
+      flush_cache(in_loop_);
       a.alu_imm(Assembler::SUB, RSP, 8);
       a.call(labels_[static_cast<std::size_t>(target)]);
       a.alu_imm(Assembler::ADD, RSP, 8);
@@ -1767,6 +1839,7 @@ bool Gen::instruction(int i) {
     case OP_RETURN:
       a.cmp32_mem(mem(R15, -12), static_cast<std::int32_t>(kMirrorGosub));
       a.jcc(NE, exit_stub(stmt_, kTransferReturn));
+      flush_cache(in_loop_);
       a.alu_imm(Assembler::SUB, R15, 16);
       a.ret();
       break;
@@ -1969,9 +2042,9 @@ int back_target(const Instr& in, int i) {
   return -1;
 }
 
-// Innermost loops whose body is entered only at its head and calls no
-// subroutine: their most used scalars get the registers nothing else there
-// needs.
+// Innermost loops whose body is entered only at its head: their most used
+// scalars get the registers nothing else there needs (reloaded after a
+// GOSUB, whose subroutine uses them too).
 void Gen::plan_loops() {
   const int n = count();
   loop_head_.assign(static_cast<std::size_t>(n), -1);
@@ -2041,7 +2114,7 @@ void Gen::plan_loops() {
     if (s < 0 || loop_head_[static_cast<std::size_t>(s)] >= 0) continue;
     bool ok = true;
     int maxd = 1;
-    bool calls = false;
+    bool calls = false, hyper = false, inner_sub = false;
     std::vector<Cached> vars;
     std::vector<const values::Descriptor*> stored, arrays;
     auto use = [&](const values::Descriptor* d, std::uint8_t type) {
@@ -2058,7 +2131,12 @@ void Gen::plan_loops() {
       const Instr& in = ins(j);
       if (j != e && back_target(in, j) >= 0) ok = false;
       if (in.op == OP_GOSUB_LINE || in.op == OP_FOR) ok = false;
-      if (in.op == OP_GOSUB_LOCAL) calls = true;
+      if (in.op == OP_GOSUB_LOCAL) {
+        calls = true;
+        const int t = j + static_cast<int>(static_cast<std::int64_t>(in.operand)) + 1;
+        if (t >= s && t <= e) inner_sub = true;
+      }
+      if (touches_hyper(j)) hyper = true;
       int out = 0;
       (void)stack_effect(in, depth_[j], &out);
       maxd = std::max({maxd, depth_[j], out});
@@ -2081,7 +2159,7 @@ void Gen::plan_loops() {
       gprs.push_back(GPR_SLOT[k]);
       xmms.push_back(XMM_SLOT[k]);
     }
-    Loop loop{s, e, {}, {}, !calls, std::move(stored)};
+    Loop loop{s, e, {}, {}, !inner_sub, calls, std::move(stored)};
     std::size_t ng = 0, nx = 0;
     // Arrays first: each access saves a load and two tests.
     if (values::option_base == 0 || values::option_base == 1)
@@ -2095,8 +2173,11 @@ void Gen::plan_loops() {
       std::size_t& used = values::is_integer_type(c.type) ? ng : nx;
       if (used == pool.size()) continue;
       c.reg = pool[used++];
+      c.dirty = std::find(loop.stored.begin(), loop.stored.end(), c.d) != loop.stored.end() ||
+                (ins(e).op == OP_NEXT && rc_.fors[static_cast<std::size_t>(ins(e).count)].d == c.d);
       loop.vars.push_back(c);
     }
+    loop.writeback = !hyper;
     loop_head_[static_cast<std::size_t>(s)] = static_cast<int>(loops_.size());
     loops_.push_back(std::move(loop));
   }
@@ -2142,7 +2223,10 @@ bool Gen::run() {
         continue;
       }
     }
-    if (in_loop_ && in_loop_->tail == i) in_loop_ = nullptr;
+    if (in_loop_ && in_loop_->tail == i) {
+      flush_cache(in_loop_);  // falling out of the loop's end
+      in_loop_ = nullptr;
+    }
   }
   a.ud2();  // nothing falls off the end: the last instruction always leaves
   for (std::size_t k = 0; k < cold_.size(); ++k) cold_[k]();

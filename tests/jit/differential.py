@@ -201,8 +201,13 @@ class Gen:
                 lines.append("%d FOR %s = %d TO %d%s" % (n, v, start, stop, step))
                 n += 10
                 loopvars.append(v)
-                for _ in range(r.randint(1, 4)):
-                    lines.append("%d %s" % (n, self.simple(loopvars)))
+                body = [self.simple(loopvars) for _ in range(r.randint(1, 4))]
+                if r.random() < 0.3:
+                    # A way out of the loop from its middle.
+                    body.insert(r.randint(0, len(body)), "IF %s THEN {EXIT}" % self.expr(1))
+                exit_line = n + 10 * (len(body) + 1)
+                for b in body:
+                    lines.append("%d %s" % (n, b.replace("{EXIT}", str(exit_line))))
                     n += 10
                 lines.append("%d NEXT %s" % (n, v))
                 n += 10
