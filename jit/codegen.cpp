@@ -710,6 +710,20 @@ class Gen {
     int target = jump_label(bi + static_cast<int>(static_cast<std::int64_t>(ins(bi).operand)) + 1);
     const bool while_test = info(bi).role == kRoleWhileTest;
     const std::uint32_t wkey = while_test ? while_key(info(bi).id) : 0;
+    if (while_test && rotating_) {
+      // At the WEND: true goes back into the body; false pops the loop's
+      // entry (the mirror's top in a clean loop) and leaves.
+      const int inside = while_inside_.at(bi), leave = a.new_label();
+      true_target_ = inside;
+      jump_if_false(leave);
+      if (true_target_ >= 0) a.jmp(inside);  // the test could only jump when false
+      true_target_ = -1;
+      a.bind(leave);
+      mirror_pop(F(while_room));
+      flush_cache(in_loop_);
+      a.jmp(labels_[static_cast<std::size_t>(bi + static_cast<int>(static_cast<std::int64_t>(ins(bi).operand)) + 1)]);
+      return;
+    }
     if (while_test) {
       // Leaving the loop: pop its entry when it is there (back from WEND).
       const int exit = target, leave = a.new_label();
@@ -729,6 +743,7 @@ class Gen {
       a.jcc(E, inside);
       mirror_push(wkey, kMirrorWhile, F(while_room));
       a.bind(inside);
+      while_inside_[bi] = inside;
     }
   }
 
@@ -837,6 +852,12 @@ class Gen {
            limit.is_int() && fc.step == static_cast<std::int32_t>(fc.step) && fc.step != 0;
   }
   int resume_at_ = -1;  // after an unrolled loop: the instruction to go on with
+  // A clean WHILE loop tests its condition again at its WEND and jumps
+  // straight into its body (the mirror entry is known to be there).
+  std::map<int, int> while_inside_;  // WHILE test instruction -> body label
+  bool rotating_ = false;            // its condition being laid out at the WEND
+  int true_target_ = -1;             // a fused integer test jumps here when true
+  int rotate_while(int i, int ws);  // 1 laid out, 0 not suitable, -1 failed
   bool pool_next_ = false;  // the literal in hand is left in the pool
   void next(int i);
   bool divide_by_constant(int i, std::uint8_t op, int d);
@@ -942,7 +963,14 @@ void Gen::compare(int i, std::uint8_t op, int d) {
       default: c = GE; break;
     }
     if (fuse) {
-      branch_false(i + 1, [&](int target) { a.jcc(invert(c), target); });
+      branch_false(i + 1, [&](int target) {
+        if (true_target_ >= 0) {
+          a.jcc(c, true_target_);
+          true_target_ = -1;
+        } else {
+          a.jcc(invert(c), target);
+        }
+      });
       return;
     }
     a.setcc(c, RAX);
@@ -1613,6 +1641,69 @@ void Gen::next(int i) {
   a.store8_imm(mem(R12, F(live) + slot), 0);
 }
 
+// The WEND of a clean WHILE loop whose condition is plain arithmetic on
+// numbers: the condition is laid out again here, so that a pass costs one
+// taken branch and no look at the mirror. The poll is a countdown on the way;
+// when it is due, the slow path goes back to the WHILE itself.
+int Gen::rotate_while(int i, int ws) {
+  if (ins(ws).op != OP_STATEMENT || ins(ws).type != 0) return 0;  // profiled: each test is counted
+  int bf = -1;
+  for (int j = ws + 1; j < i; ++j) {
+    if (depth_[j] < 0) return 0;
+    const Instr& in = ins(j);
+    if (in.op == OP_BRANCH_FALSE) {
+      if (info(j).role != kRoleWhileTest) return 0;
+      bf = j;
+      break;
+    }
+    if (touches_hyper(j)) return 0;
+    switch (in.op) {
+      case OP_PUSH_CONST: case OP_PUSH_VAR: case OP_NEG:
+      case OP_ADD: case OP_SUB: case OP_MUL: case OP_AND: case OP_OR: case OP_XOR:
+      case OP_EQ: case OP_NE: case OP_LT: case OP_LE: case OP_GT: case OP_GE:
+        break;
+      case OP_LOAD_ELEM:
+        if (in.count != 1) return 0;
+        break;
+      default:
+        return 0;
+    }
+  }
+  if (bf < 0 || !while_inside_.count(bf) || unrolled_var_) return 0;
+  const Loop* loop = in_loop_;
+  const int poll = a.new_label();
+  const int leave = exit_stub(info(ws).stmt, kTransferResume, false);
+  const int head = labels_[static_cast<std::size_t>(ws)];
+  a.alu_imm(Assembler::SUB, R13, 1);
+  a.jcc(E, poll);
+  cold_.push_back([this, poll, leave, head, loop] {
+    const Loop* outer = in_loop_;
+    in_loop_ = loop;
+    a.bind(poll);
+    flush_cache(loop);
+    a.mov_imm(R13, kPollInterval);
+    a.mov(ARG[0], R12);
+    a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
+    a.call(RAX);
+    a.test(RAX, RAX);
+    a.jcc(NE, leave);
+    load_cache();
+    a.jmp(head);  // the WHILE tests again and finds its entry on top
+    in_loop_ = outer;
+  });
+  rotating_ = true;
+  for (int j = ws + 1; j <= bf; ++j) {
+    if (skip_[static_cast<std::size_t>(j)]) continue;
+    resize_slots(depth_[j]);
+    if (!instruction(j)) {
+      rotating_ = false;
+      return -1;
+    }
+  }
+  rotating_ = false;
+  return 1;
+}
+
 bool Gen::instruction(int i) {
   const Instr& in = ins(i);
   const int d = depth_[i];
@@ -1775,6 +1866,9 @@ bool Gen::instruction(int i) {
         if (!(in_loop_ && in_loop_->tail == i && in_loop_->clean)) {
           a.cmp32_mem(mem(R15, -16), static_cast<std::int32_t>(while_key(info(i).id)));
           a.jcc(NE, resume_here());
+        } else if (const int r = rotate_while(i, target); r != 0) {
+          if (r < 0) return false;
+          break;
         }
         back_edge(target);
       } else if (target <= i) {
