@@ -858,6 +858,7 @@ class Gen {
   bool rotating_ = false;            // its condition being laid out at the WEND
   int true_target_ = -1;             // a fused integer test jumps here when true
   int rotate_while(int i, int ws);  // 1 laid out, 0 not suitable, -1 failed
+  void fill_prefix(const Loop& loop);
   bool pool_next_ = false;  // the literal in hand is left in the pool
   void next(int i);
   bool divide_by_constant(int i, std::uint8_t op, int d);
@@ -1704,6 +1705,88 @@ int Gen::rotate_while(int i, int ws) {
   return 1;
 }
 
+// FOR v = a TO b: A(v) = literal: NEXT v, as laid out at the loop's head:
+// the passes before the last store their elements at once (rep stos); the
+// last pass runs as written, so the counter's final value, the end of the
+// loop and any error (a subscript past the array, a counter past its type)
+// come out exactly as they would pass by pass.
+void Gen::fill_prefix(const Loop& loop) {
+  const int s = loop.head, e = loop.tail;
+  if (!loop.clean || loop.calls || !loop.writeback || e - s != 6 || ins(e).op != OP_NEXT) return;
+  for (int j = s; j <= e; ++j)
+    if (depth_[j] < 0) return;
+  const int slot = ins(e).count;
+  const ForInfo& f = rc_.fors[static_cast<std::size_t>(slot)];
+  const ForConst& fc = for_const_[static_cast<std::size_t>(slot)];
+  if (!values::is_integer_type(f.var_type) || !f.limit.is_int() || !fc.step_c || fc.step != 1) return;
+  if (ins(s).op != OP_STATEMENT || ins(s).type != 0 || ins(s + 1).op != OP_PUSH_VAR || info(s + 1).d != f.d ||
+      info(s + 1).store_addr != 1 || ins(s + 2).op != OP_PUSH_CONST || ins(s + 3).op != OP_STORE_ELEM ||
+      ins(s + 3).count != 1 || ins(s + 4).op != OP_DISCARD || ins(s + 5).op != OP_STATEMENT || ins(s + 5).type != 0)
+    return;
+  const CachedArray* arr = cached_array(info(s + 3).d);
+  const Cached* c = cached(f.d);
+  if (!arr || !c || !c->dirty || arr->block == RDI || arr->count == RDI) return;
+  for (const Cached& v : loop.vars)
+    if (values::is_integer_type(v.type) && v.reg == RDI) return;
+  // The literal as the element's type holds it, when that is exact.
+  const Instr& k = ins(s + 2);
+  if (k.type > values::kInt64) return;
+  const auto v = static_cast<std::int64_t>(k.operand);
+  const std::uint8_t et = ins(s + 3).type;
+  std::uint64_t bits = 0;
+  switch (et) {
+    case values::kInteger:
+      if (v != static_cast<std::int16_t>(v)) return;
+      bits = static_cast<std::uint16_t>(v);
+      break;
+    case values::kLong:
+      if (v != static_cast<std::int32_t>(v)) return;
+      bits = static_cast<std::uint32_t>(v);
+      break;
+    case values::kInt64: bits = static_cast<std::uint64_t>(v); break;
+    case values::kSingle: {
+      if (v > (1 << 24) || v < -(1 << 24)) return;
+      const auto x = static_cast<float>(v);
+      std::uint32_t b;
+      std::memcpy(&b, &x, 4);
+      bits = b;
+      break;
+    }
+    case values::kDouble: {
+      if (v > (std::int64_t{1} << 53) || v < -(std::int64_t{1} << 53)) return;
+      const auto x = static_cast<double>(v);
+      std::memcpy(&bits, &x, 8);
+      break;
+    }
+    default: return;
+  }
+  const auto width = static_cast<int>(values::slot_width(et));
+  if (width != 2 && width != 4 && width != 8) return;
+  const auto base = static_cast<std::int32_t>(values::option_base);
+  const Reg r = static_cast<Reg>(c->reg);
+  const int skip = a.new_label();
+  a.alu_imm(Assembler::CMP, r, base);
+  a.jcc(L, skip);  // the first pass fails
+  // The last subscript to reach: the limit, the array's end, the counter type's end.
+  a.lea(RCX, mem(arr->count, base - 1));
+  a.load64(RAX, mem(R12, for_field(slot, offsetof(ForSlot, limit_i))));
+  a.alu(Assembler::CMP, RAX, RCX);
+  a.cmov(G, RAX, RCX);
+  if (f.var_type != values::kInt64) {
+    a.mov_imm(RCX, f.var_type == values::kInteger ? 32767 : 2147483647);
+    a.alu(Assembler::CMP, RAX, RCX);
+    a.cmov(G, RAX, RCX);
+  }
+  a.alu(Assembler::SUB, RAX, r);
+  a.jcc(LE, skip);
+  a.mov(RCX, RAX);
+  a.lea(RDI, mem(arr->block, r, static_cast<std::uint8_t>(width), 16 - base * width));
+  a.alu(Assembler::ADD, r, RAX);
+  a.mov_imm(RAX, static_cast<std::int64_t>(bits));
+  a.rep_stos(width);
+  a.bind(skip);
+}
+
 bool Gen::instruction(int i) {
   const Instr& in = ins(i);
   const int d = depth_[i];
@@ -2303,6 +2386,7 @@ bool Gen::run() {
       // and the loop's back edge jumps past this.
       in_loop_ = &loops_[static_cast<std::size_t>(loop_head_[static_cast<std::size_t>(i)])];
       load_cache();
+      fill_prefix(*in_loop_);
     }
     if (ins(i).op == OP_STATEMENT && target[static_cast<std::size_t>(i)]) a.align(8);
     a.bind(labels_[static_cast<std::size_t>(i)]);

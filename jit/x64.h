@@ -90,6 +90,13 @@ class Assembler {
   void idiv(Reg r) { rr(0xF7, static_cast<Reg>(7), r, true); }
   void imul_wide(Reg r) { rr(0xF7, static_cast<Reg>(5), r, true); }  // RDX:RAX = RAX * r, signed
   void cqo() { byte(0x48); byte(0x99); }
+  // rep stos of 2, 4 or 8 bytes: RCX elements of RAX from [RDI] upward.
+  void rep_stos(int width) {
+    if (width == 2) byte(0x66);
+    byte(0xF3);
+    if (width == 8) byte(0x48);
+    byte(0xAB);
+  }
   void sar_imm(Reg r, std::uint8_t n) { rr(0xC1, static_cast<Reg>(7), r, true); byte(n); }
   void shl_imm(Reg r, std::uint8_t n) { rr(0xC1, static_cast<Reg>(4), r, true); byte(n); }
   void shr_imm(Reg r, std::uint8_t n) { rr(0xC1, static_cast<Reg>(5), r, true); byte(n); }

@@ -105,6 +105,10 @@ TEST(Encoder, MatchesGnuAssembler) {
       {"vpermpd ymm11,[rcx+32],0xb1", [](Assembler& a) { a.vpermpd(Y11, mem(RCX, 32), 0xb1); }, "c463fd015920b1"},
       {"vpermpd ymm1,ymm9,0x1b", [](Assembler& a) { a.vpermpd(Y1, Y9, 0x1b); }, "c4c3fd01c91b"},
       {"vzeroupper", [](Assembler& a) { a.vzeroupper(); }, "c5f877"},
+      {"rep stosw", [](Assembler& a) { a.rep_stos(2); }, "66f3ab"},
+      {"rep stosd", [](Assembler& a) { a.rep_stos(4); }, "f3ab"},
+      {"rep stosq", [](Assembler& a) { a.rep_stos(8); }, "f348ab"},
+      {"cmovg rax,rcx", [](Assembler& a) { a.cmov(G, RAX, RCX); }, "480f4fc1"},
   };
   for (const Golden& g : table) {
     Assembler a;
