@@ -666,18 +666,24 @@ class Gen {
     return false;
   }
 
+  // The countdown ran out: restart it and ask the interpreter; flags NE
+  // when it must take over. A loop's scalars are written back first (the
+  // call clobbers their registers).
+  void poll(const Loop* loop) {
+    flush_cache(loop);
+    a.mov_imm(R13, kPollInterval);
+    a.mov(ARG[0], R12);
+    a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
+    a.call(RAX);
+    a.test(RAX, RAX);
+  }
   // A backward branch: count down, and every kPollInterval-th time ask
   // whether the interpreter must take over (break key, events, closing).
   void back_edge(int target) {
     a.alu_imm(Assembler::SUB, R13, 1);
     a.jcc(NE, labels_[static_cast<std::size_t>(target)]);
     const int target_stmt = info(target).stmt;
-    flush_cache(in_loop_);
-    a.mov_imm(R13, kPollInterval);
-    a.mov(ARG[0], R12);
-    a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
-    a.call(RAX);
-    a.test(RAX, RAX);
+    poll(in_loop_);
     if (in_loop_) {
       a.jcc(NE, exit_stub(target_stmt, kTransferResume, false));
       load_cache();
@@ -1672,21 +1678,16 @@ int Gen::rotate_while(int i, int ws) {
   }
   if (bf < 0 || !while_inside_.count(bf) || unrolled_var_) return 0;
   const Loop* loop = in_loop_;
-  const int poll = a.new_label();
+  const int slow = a.new_label();
   const int leave = exit_stub(info(ws).stmt, kTransferResume, false);
   const int head = labels_[static_cast<std::size_t>(ws)];
   a.alu_imm(Assembler::SUB, R13, 1);
-  a.jcc(E, poll);
-  cold_.push_back([this, poll, leave, head, loop] {
+  a.jcc(E, slow);
+  cold_.push_back([this, slow, leave, head, loop] {
     const Loop* outer = in_loop_;
     in_loop_ = loop;
-    a.bind(poll);
-    flush_cache(loop);
-    a.mov_imm(R13, kPollInterval);
-    a.mov(ARG[0], R12);
-    a.mov_imm(RAX, reinterpret_cast<std::int64_t>(&helper_poll));
-    a.call(RAX);
-    a.test(RAX, RAX);
+    a.bind(slow);
+    poll(loop);
     a.jcc(NE, leave);
     load_cache();
     a.jmp(head);  // the WHILE tests again and finds its entry on top
