@@ -2355,7 +2355,8 @@ void Gen::plan_loops() {
                 (ins(e).op == OP_NEXT && rc_.fors[static_cast<std::size_t>(ins(e).count)].d == c.d);
       loop.vars.push_back(c);
     }
-    loop.writeback = !hyper;
+    // Nothing assigned: nothing to write back, and no stubs to tell apart.
+    loop.writeback = !hyper && std::any_of(loop.vars.begin(), loop.vars.end(), [](const Cached& c) { return c.dirty; });
     loop_head_[static_cast<std::size_t>(s)] = static_cast<int>(loops_.size());
     loops_.push_back(std::move(loop));
   }
